@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Shows what Gatewise does on a built-in sample, in a temporary system root that is removed after.
+# Usage: scripts/demo.sh STAGE   (STAGE: the prefix `make demo` installed into)
+set -euo pipefail
+stage="${1:?usage: demo.sh STAGE}"
+gatewise="$stage/bin/gatewise"
+root="$(mktemp -d /tmp/gatewise-demo-XXXXXX)"
+trap 'rm -rf "$root"' EXIT
+export GATEWISE_ROOT="$root"
+
+section() { printf '\n== %s\n' "$*"; }
+run() { printf '$ gatewise %s\n' "$*"; "$gatewise" "$@"; }
+
+section "Gatewise demo in the temporary system root $root"

@@ -1,0 +1,122 @@
+#include "platform/fs/file_io.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace gw::fs {
+namespace {
+
+// Owns one descriptor; closes it on every path.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  ~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  int get() const { return fd_; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_;
+};
+
+bool fail(std::string* error, const std::string& what, const std::string& path, int err) {
+  if (error) *error = what + " " + path + ": " + std::strerror(err);
+  return false;
+}
+
+std::string folderOf(const std::string& path) {
+  std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+}  // namespace
+
+std::optional<std::string> readFile(const std::string& path, std::size_t maxSize,
+                                    std::string* error) {
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  if (fd.get() < 0) {
+    fail(error, "cannot open", path, errno);
+    return std::nullopt;
+  }
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0) {
+    fail(error, "cannot stat", path, errno);
+    return std::nullopt;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    fail(error, "not a regular file:", path, EINVAL);
+    return std::nullopt;
+  }
+  if (std::size_t(st.st_size) > maxSize) {
+    fail(error, "file too large:", path, EFBIG);
+    return std::nullopt;
+  }
+  std::string bytes;
+  bytes.resize(std::size_t(st.st_size));
+  std::size_t have = 0;
+  // The file may grow or shrink while it is read: read until end of file, within the bound.
+  for (;;) {
+    if (have == bytes.size()) {
+      if (bytes.size() >= maxSize + 1) break;
+      bytes.resize(std::min(maxSize + 1, std::max<std::size_t>(bytes.size() * 2, 4096)));
+    }
+    ssize_t n = ::read(fd.get(), bytes.data() + have, bytes.size() - have);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      fail(error, "cannot read", path, errno);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    have += std::size_t(n);
+  }
+  if (have > maxSize) {
+    fail(error, "file too large:", path, EFBIG);
+    return std::nullopt;
+  }
+  bytes.resize(have);
+  return bytes;
+}
+
+bool writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode,
+                         std::string* error) {
+  std::string temp = path + ".XXXXXX";
+  FileDescriptor fd(::mkostemp(temp.data(), O_CLOEXEC));
+  if (fd.get() < 0) return fail(error, "cannot create a temporary file for", path, errno);
+  auto discard = [&](const char* what) {
+    int err = errno;
+    ::unlink(temp.c_str());
+    return fail(error, what, path, err);
+  };
+  if (::fchmod(fd.get(), mode) != 0) return discard("cannot set the mode of");
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::write(fd.get(), bytes.data() + done, bytes.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return discard("cannot write");
+    }
+    done += std::size_t(n);
+  }
+  if (::fsync(fd.get()) != 0) return discard("cannot sync");
+  if (::close(fd.release()) != 0) return discard("cannot close");
+  if (::rename(temp.c_str(), path.c_str()) != 0) return discard("cannot rename over");
+  FileDescriptor folder(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder.get() >= 0) ::fsync(folder.get());
+  return true;
+}
+
+}  // namespace gw::fs

@@ -1,0 +1,58 @@
+// Encoding detection and the file entry points of the property-list codec.
+#include "platform/plist/codec.h"
+
+#include <cstring>
+
+#include "platform/fs/file_io.h"
+
+namespace gw::plist {
+
+ReadResult readPropertyList(std::span<const std::uint8_t> bytes, const ReadOptions& options) {
+  if (bytes.size() >= 8 && std::memcmp(bytes.data(), kBinaryMagic, 8) == 0) {
+    return readBinaryPropertyList(bytes, options);
+  }
+  return readXMLPropertyList(bytes, options);
+}
+
+ReadResult readPropertyList(std::string_view bytes, const ReadOptions& options) {
+  return readPropertyList(std::span<const std::uint8_t>(
+                              reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()),
+                          options);
+}
+
+ReadResult readPropertyListFile(const std::string& path, const ReadOptions& options) {
+  std::string error;
+  std::optional<std::string> bytes = fs::readFile(path, kMaxPropertyListFileSize, &error);
+  if (!bytes) {
+    ReadResult failed;
+    failed.error = error;
+    return failed;
+  }
+  return readPropertyList(std::string_view(*bytes), options);
+}
+
+std::optional<std::string> writePropertyList(const Value& v, Format format, std::string* error) {
+  if (!isValidPropertyList(v, format)) {
+    if (error) {
+      *error = format == Format::XML ? "not a property list for XML (null, object or UID inside)"
+                                     : "not a property list for binary (null or object inside)";
+    }
+    return std::nullopt;
+  }
+  std::string out;
+  if (format == Format::XML) {
+    writeXMLPropertyList(v, out);
+  } else {
+    writeBinaryPropertyList(v, out);
+  }
+  return out;
+}
+
+bool writePropertyListFile(const std::string& path, const Value& v, Format format,
+                           std::string* error) {
+  std::optional<std::string> bytes = writePropertyList(v, format, error);
+  if (!bytes) return false;
+  return fs::writeFileAtomically(path, *bytes, 0644, error);
+}
+
+}  // namespace gw::plist

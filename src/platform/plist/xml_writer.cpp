@@ -1,0 +1,7 @@
+#include "platform/plist/codec.h"
+
+namespace gw::plist {
+
+void writeXMLPropertyList(const Value&, std::string&) {}
+
+}  // namespace gw::plist
