@@ -12,3 +12,11 @@ section() { printf '\n== %s\n' "$*"; }
 run() { printf '$ gatewise %s\n' "$*"; "$gatewise" "$@"; }
 
 section "Gatewise demo in the temporary system root $root"
+
+# Each piece of the demo is a script of its own in scripts/demo.d, run in name order.
+for piece in "$(dirname "$0")"/demo.d/*.sh; do
+  [ -e "$piece" ] || continue
+  # shellcheck source=/dev/null
+  source "$piece"
+done
+printf '\nDone. The temporary system root is removed again.\n'
