@@ -1,41 +1,78 @@
 // The object format string formatter: walks the format once, hands each numeric conversion to
-// snprintf with a conversion spec rebuilt for the argument's real type, and prints "%@" itself.
+// snprintf with a conversion spec rebuilt for the argument's real type, and prints "%@" and
+// strings itself. snprintf only ever sees a spec it was built for, so no argument can be misread.
 #include <gatewise/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 namespace gw {
+
+std::int64_t FormatArg::asSigned() const {
+  if (kind_ == Kind::Signed || size_ >= 8) return std::int64_t(bits_);
+  // Sign-extend an unsigned value from the width of its own type.
+  const unsigned shift = 64 - 8 * size_;
+  return std::int64_t(bits_ << shift) >> shift;
+}
+
+std::uint64_t FormatArg::asUnsigned() const {
+  if (size_ >= 8) return bits_;
+  return bits_ & ((std::uint64_t(1) << (8 * size_)) - 1);
+}
+
 namespace {
 
+constexpr int kMaxWidth = 4096;  // a bound on padding, so "%*d" cannot ask for gigabytes
+
 struct Spec {
-  std::string flags;
+  char flags[8] = {};
+  int flagCount = 0;
   int width = -1;
   int precision = -1;
+  int narrowTo = 0;  // bytes asked by "h" (2) or "hh" (1); 0 when the argument's width stands
   char conversion = 0;
+
+  bool has(char flag) const { return std::memchr(flags, flag, std::size_t(flagCount)) != nullptr; }
+  void add(char flag) {
+    if (!has(flag) && flagCount < int(sizeof flags) - 1) flags[flagCount++] = flag;
+  }
 };
 
-// snprintf into a string for one already-validated conversion.
+// Whether ch is one of set's characters (never true for NUL, which strchr would find).
+bool oneOf(const char* set, char ch) { return ch != '\0' && std::strchr(set, ch) != nullptr; }
+
+int clampWidth(std::int64_t n) { return int(std::clamp<std::int64_t>(n, -kMaxWidth, kMaxWidth)); }
+
+// snprintf into out for one conversion whose argument type is known to match.
 template <class T>
 void appendPrintf(std::string& out, const Spec& spec, const char* length, T arg) {
-  std::string f = "%" + spec.flags;
-  if (spec.width >= 0) f += std::to_string(spec.width);
-  if (spec.precision >= 0) f += "." + std::to_string(spec.precision);
-  f += length;
-  f += spec.conversion;
+  char f[32];
+  int at = 0;
+  f[at++] = '%';
+  for (int i = 0; i < spec.flagCount; ++i) f[at++] = spec.flags[i];
+  if (spec.width >= 0) at += std::snprintf(f + at, sizeof f - std::size_t(at), "%d", spec.width);
+  if (spec.precision >= 0) {
+    at += std::snprintf(f + at, sizeof f - std::size_t(at), ".%d", spec.precision);
+  }
+  for (const char* l = length; *l;) f[at++] = *l++;
+  f[at++] = spec.conversion;
+  f[at] = '\0';
+
   char small[128];
-  int n = std::snprintf(small, sizeof small, f.c_str(), arg);
+  int n = std::snprintf(small, sizeof small, f, arg);
   if (n < 0) return;
   if (std::size_t(n) < sizeof small) {
     out.append(small, std::size_t(n));
     return;
   }
-  std::string big(std::size_t(n) + 1, '\0');
-  std::snprintf(big.data(), big.size(), f.c_str(), arg);
-  out.append(big.data(), std::size_t(n));
+  std::size_t start = out.size();
+  out.resize(start + std::size_t(n) + 1);
+  std::snprintf(out.data() + start, std::size_t(n) + 1, f, arg);
+  out.resize(start + std::size_t(n));
 }
 
-// Width and precision applied to text the formatter produced itself ("%@", "%s" of std::string).
+// Width and precision applied to text the formatter produced itself ("%@", "%s").
 void appendPadded(std::string& out, const Spec& spec, std::string_view text) {
   if (spec.precision >= 0 && text.size() > std::size_t(spec.precision)) {
     text = text.substr(0, std::size_t(spec.precision));
@@ -43,7 +80,7 @@ void appendPadded(std::string& out, const Spec& spec, std::string_view text) {
   std::size_t pad = spec.width > 0 && std::size_t(spec.width) > text.size()
                         ? std::size_t(spec.width) - text.size()
                         : 0;
-  bool left = spec.flags.find('-') != std::string::npos;
+  bool left = spec.has('-');
   if (!left) out.append(pad, ' ');
   out.append(text);
   if (left) out.append(pad, ' ');
@@ -55,37 +92,46 @@ void appendMismatch(std::string& out, char conversion) {
   out += "?)";
 }
 
-bool isIntegerKind(FormatArg::Kind k) {
-  return k == FormatArg::Kind::Signed || k == FormatArg::Kind::Unsigned;
+// An integer argument narrowed as "h"/"hh" ask, the way printf converts its promoted int.
+std::uint64_t narrowed(std::uint64_t bits, int bytes) {
+  return bytes ? bits & ((std::uint64_t(1) << (8 * bytes)) - 1) : bits;
+}
+std::int64_t narrowedSigned(std::int64_t v, int bytes) {
+  if (!bytes) return v;
+  const unsigned shift = 64 - 8 * unsigned(bytes);
+  return std::int64_t(std::uint64_t(v) << shift) >> shift;
+}
+
+// A C string, read no further than a precision allows (it need not be terminated within it).
+std::string_view cStringText(const char* s, const Spec& spec) {
+  if (!s) return "(null)";
+  if (spec.precision >= 0) return std::string_view(s, ::strnlen(s, std::size_t(spec.precision)));
+  return s;
 }
 
 void appendConversion(std::string& out, const Spec& spec, const FormatArg* arg) {
   const char c = spec.conversion;
-  if (!arg) {
-    appendMismatch(out, c);
-    return;
-  }
+  if (!arg) return appendMismatch(out, c);
   using K = FormatArg::Kind;
   switch (c) {
     case 'd':
     case 'i':
-      if (arg->kind() == K::Signed)
-        return appendPrintf(out, spec, "ll", (long long)arg->asSigned());
-      if (arg->kind() == K::Unsigned) {
-        // A value given unsigned but printed signed reinterprets its bits, like printf does.
-        return appendPrintf(out, spec, "ll", (long long)arg->asUnsigned());
+      if (arg->isInteger()) {
+        return appendPrintf(out, spec, "ll",
+                            (long long)narrowedSigned(arg->asSigned(), spec.narrowTo));
       }
       break;
     case 'u':
     case 'o':
     case 'x':
     case 'X':
-      if (isIntegerKind(arg->kind())) {
-        return appendPrintf(out, spec, "ll", (unsigned long long)arg->asUnsigned());
+      if (arg->isInteger()) {
+        return appendPrintf(out, spec, "ll",
+                            (unsigned long long)narrowed(arg->asUnsigned(), spec.narrowTo));
       }
       break;
     case 'c':
-      if (isIntegerKind(arg->kind())) return appendPrintf(out, spec, "", int(arg->asSigned()));
+      if (arg->isInteger()) return appendPrintf(out, spec, "", int(arg->asSigned()));
       break;
     case 'f':
     case 'F':
@@ -96,20 +142,22 @@ void appendConversion(std::string& out, const Spec& spec, const FormatArg* arg) 
     case 'a':
     case 'A':
       if (arg->kind() == K::Real) return appendPrintf(out, spec, "", arg->asReal());
-      if (arg->kind() == K::Signed) return appendPrintf(out, spec, "", double(arg->asSigned()));
-      if (arg->kind() == K::Unsigned) return appendPrintf(out, spec, "", double(arg->asUnsigned()));
+      if (arg->isInteger()) return appendPrintf(out, spec, "", arg->asNumber());
       break;
     case 's':
-      if (arg->kind() == K::CString) {
-        return appendPadded(out, spec, arg->asCString() ? arg->asCString() : "(null)");
-      }
+      if (arg->kind() == K::CString)
+        return appendPadded(out, spec, cStringText(arg->asCString(), spec));
       if (arg->kind() == K::String) return appendPadded(out, spec, arg->asString());
       if (arg->kind() == K::Pointer && !arg->asPointer()) return appendPadded(out, spec, "(null)");
       break;
     case 'p':
       if (arg->kind() == K::Pointer) return appendPrintf(out, spec, "", arg->asPointer());
-      if (arg->kind() == K::CString)
-        return appendPrintf(out, spec, "", (const void*)arg->asCString());
+      if (arg->kind() == K::CString) {
+        return appendPrintf(out, spec, "", static_cast<const void*>(arg->asCString()));
+      }
+      if (arg->kind() == K::Object) {
+        return appendPrintf(out, spec, "", static_cast<const void*>(arg->asObject()));
+      }
       break;
     case '@':
       return appendPadded(out, spec, describeArg(*arg));
@@ -124,6 +172,10 @@ std::string describeArg(const FormatArg& arg) {
   switch (arg.kind()) {
     case K::Value:
       return plist::description(arg.asValue());
+    case K::Array:
+      return arg.asArray() ? plist::description(plist::Value(arg.asArray())) : "(null)";
+    case K::Dictionary:
+      return arg.asDictionary() ? plist::description(plist::Value(arg.asDictionary())) : "(null)";
     case K::Object:
       return arg.asObject() ? arg.asObject()->description() : "(null)";
     case K::Exception:
@@ -149,10 +201,16 @@ std::string formatArgs(std::string_view fmt, std::span<const FormatArg> args) {
   out.reserve(fmt.size() + 16 * args.size());
   std::size_t next = 0;
   auto take = [&]() -> const FormatArg* { return next < args.size() ? &args[next++] : nullptr; };
-  auto takeInt = [&](int& into) {
+  // A "*" width or precision: an integer argument, anything else counts as 0.
+  auto takeStar = [&]() -> int {
     const FormatArg* a = take();
-    into = a && isIntegerKind(a->kind()) ? int(a->asSigned()) : 0;
+    if (!a || !a->isInteger()) return 0;
+    if (a->kind() == FormatArg::Kind::Unsigned && a->asUnsigned() > std::uint64_t(INT64_MAX)) {
+      return kMaxWidth;
+    }
+    return clampWidth(a->asSigned());
   };
+  auto isDigit = [](char ch) { return ch >= '0' && ch <= '9'; };
 
   std::size_t i = 0;
   while (i < fmt.size()) {
@@ -163,7 +221,7 @@ std::string formatArgs(std::string_view fmt, std::span<const FormatArg> args) {
     }
     out.append(fmt.substr(i, pct - i));
     i = pct + 1;
-    if (i >= fmt.size()) {
+    if (i >= fmt.size()) {  // a lone "%" at the very end prints as itself
       out += '%';
       break;
     }
@@ -173,44 +231,45 @@ std::string formatArgs(std::string_view fmt, std::span<const FormatArg> args) {
       continue;
     }
     Spec spec;
-    while (i < fmt.size() && std::strchr("-+ #0'", fmt[i])) {
-      if (fmt[i] != '\'') spec.flags += fmt[i];
+    while (i < fmt.size() && oneOf("-+ #0'", fmt[i])) {
+      if (fmt[i] != '\'') spec.add(fmt[i]);
       ++i;
     }
     if (i < fmt.size() && fmt[i] == '*') {
-      takeInt(spec.width);
-      if (spec.width < 0) {
-        spec.flags += '-';
+      spec.width = takeStar();
+      if (spec.width < 0) {  // a negative "*" width means left-justified, as in printf
+        spec.add('-');
         spec.width = -spec.width;
       }
       ++i;
     } else {
-      while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {
-        spec.width = (spec.width < 0 ? 0 : spec.width) * 10 + (fmt[i++] - '0');
-        if (spec.width > 4096) spec.width = 4096;
+      while (i < fmt.size() && isDigit(fmt[i])) {
+        spec.width = std::min(kMaxWidth, std::max(spec.width, 0) * 10 + (fmt[i++] - '0'));
       }
     }
     if (i < fmt.size() && fmt[i] == '.') {
       ++i;
       spec.precision = 0;
       if (i < fmt.size() && fmt[i] == '*') {
-        takeInt(spec.precision);
+        spec.precision = takeStar();  // negative: as if no precision were given
+        if (spec.precision < 0) spec.precision = -1;
         ++i;
       } else {
-        while (i < fmt.size() && fmt[i] >= '0' && fmt[i] <= '9') {
-          spec.precision = spec.precision * 10 + (fmt[i++] - '0');
-          if (spec.precision > 4096) spec.precision = 4096;
+        while (i < fmt.size() && isDigit(fmt[i])) {
+          spec.precision = std::min(kMaxWidth, spec.precision * 10 + (fmt[i++] - '0'));
         }
       }
     }
-    while (i < fmt.size() && std::strchr("hlqLjztZ", fmt[i])) ++i;
+    int hCount = 0;
+    while (i < fmt.size() && oneOf("hlqLjztZ", fmt[i])) hCount += fmt[i++] == 'h';
+    spec.narrowTo = hCount == 1 ? 2 : hCount >= 2 ? 1 : 0;
     if (i >= fmt.size()) {
       out.append(fmt.substr(pct));
       break;
     }
     spec.conversion = fmt[i++];
-    if (!std::strchr("diuoxXcspfFeEgGaA@", spec.conversion)) {
-      // Not a conversion we know: keep the text as written.
+    if (!oneOf("diuoxXcspfFeEgGaA@", spec.conversion)) {
+      // Not a conversion we print (e.g. "%n"): keep the text as written, consume no argument.
       out.append(fmt.substr(pct, i - pct));
       continue;
     }
