@@ -7,13 +7,19 @@
 // threshold in gGWFrameworkLoggingLevel at any time; storing -1 makes the next call read the
 // preference again. Levels: 0 errors and fallbacks, 1 notable events, 2 trace, 3 launch detail.
 //
-// A suppressed message costs one integer comparison: nothing is formatted below the threshold.
-// Callable from any thread; the threshold is a plain integer, as racy as it is harmless.
+// A suppressed message costs one integer comparison: GW_LOG tests the threshold before it even
+// evaluates its arguments, and nothing is formatted below the threshold. Callable from any thread;
+// the threshold is a plain integer without a lock (the library reads and writes it as a relaxed
+// atomic, so two first calls racing to read the preference store the same value harmlessly).
+//
+// Lines go to syslog(3) at LOG_ERR through "%s" (no openlog: the ident is the program's name),
+// and, when asked, to standard error and to a capture function (see LogDestinations).
 #pragma once
 
 #include <gatewise/export.h>
 #include <gatewise/format.h>
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -27,16 +33,24 @@ namespace gw {
 // Reads the threshold from the host-wide preference when it is -1, stores and returns it.
 GW_EXPORT std::int32_t loadLoggingThreshold();
 
+// Whether a message of this level is written now (reads the preference on the first call).
+inline bool logLevelEnabled(std::int32_t level) {
+  std::int32_t threshold =
+      std::atomic_ref<std::int32_t>(gGWFrameworkLoggingLevel).load(std::memory_order_relaxed);
+  if (threshold == -1) [[unlikely]]
+    threshold = loadLoggingThreshold();
+  return level <= threshold;
+}
+
 // Writes one formatted message as "<function> [<line>] -- <message>" to every destination.
 // A null function is written as "unknown".
 GW_EXPORT void writeLogLine(const char* function, std::int32_t line, std::string_view message);
 
+// The log entry: writes the message when level is at most the threshold.
 template <class... Args>
 inline void GWFrameworkLog(std::int32_t level, const char* function, std::int32_t line,
                            std::string_view format, const Args&... args) {
-  std::int32_t threshold = gGWFrameworkLoggingLevel;
-  if (threshold == -1) threshold = loadLoggingThreshold();
-  if (threshold < level) return;
+  if (!logLevelEnabled(level)) return;
   writeLogLine(function, line, gw::format(format, args...));
 }
 
@@ -45,7 +59,8 @@ inline void GWFrameworkLog(std::int32_t level, const char* function, std::int32_
 struct LogDestinations {
   bool syslog = true;
   bool standardError = false;
-  // Called with each whole line (without a trailing newline) when set.
+  // Called with each whole line (without a trailing newline) when set, on the logging thread,
+  // outside any lock of the log (it may log itself).
   std::function<void(std::string_view line)> capture;
 };
 GW_EXPORT void setLogDestinations(LogDestinations destinations);
@@ -67,5 +82,12 @@ R returningOnException(const char* function, std::int32_t line, R failure, Body&
 
 }  // namespace gw
 
-#define GW_LOG(level, ...) ::gw::GWFrameworkLog((level), __func__, __LINE__, __VA_ARGS__)
+// GW_LOG(level, format, ...): logs with the calling function's name and line. The arguments are
+// not evaluated at all when the level is above the threshold.
+#define GW_LOG(level, ...)                                               \
+  do {                                                                   \
+    if (::gw::logLevelEnabled(level)) {                                  \
+      ::gw::writeLogLine(__func__, __LINE__, ::gw::format(__VA_ARGS__)); \
+    }                                                                    \
+  } while (0)
 #define GW_LOG_CAUGHT(exception) ::gw::logCaughtException(__func__, __LINE__, (exception))
