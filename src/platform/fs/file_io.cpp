@@ -47,7 +47,8 @@ std::string folderOf(const std::string& path) {
 
 std::optional<std::string> readFile(const std::string& path, std::size_t maxSize,
                                     std::string* error) {
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  // O_NONBLOCK so that opening a FIFO cannot wait for a writer; it is refused below anyway.
+  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0) {
     fail(error, "cannot open", path, errno);
     return std::nullopt;
