@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/fs/file_io.h"
+#include "support/codec_probe.h"
 #include "support/log_capture.h"
 #include "support/temp_root.h"
 
@@ -29,16 +30,6 @@ class LogTest : public ::testing::Test {
 
   gwtest::TempRoot root_;
 };
-
-// Preference files can only be read once the XML property-list reader is in the library.
-bool xmlReaderMissing() {
-  plist::ReadResult probe = plist::readPropertyList(std::string_view("<plist><true/></plist>"));
-  return !probe && probe.error.find("not implemented yet") != std::string::npos;
-}
-#define SKIP_UNTIL_XML_READER_EXISTS()                                                 \
-  if (xmlReaderMissing())                                                              \
-  GTEST_SKIP() << "readPropertyList reports \"not implemented yet\" for XML: the log " \
-                  "preference file cannot be read in this build"
 
 Lines writtenLevels(const gwtest::LogCapture& log) {
   Lines levels;
@@ -62,7 +53,7 @@ TEST_F(LogTest, AbsentPreferenceMeansZeroAndIsNotReadAgain) {
 }
 
 TEST_F(LogTest, ThresholdIsReadOnceUntilMinusOneIsStoredAgain) {
-  SKIP_UNTIL_XML_READER_EXISTS();
+  GWTEST_SKIP_WITHOUT_CODEC(plist::Format::XML);
   setPreference("<integer>2</integer>");
   gwtest::LogCapture log(-1);
   logLevels0To3();
@@ -81,7 +72,7 @@ TEST_F(LogTest, ThresholdIsReadOnceUntilMinusOneIsStoredAgain) {
 }
 
 TEST_F(LogTest, PreferenceMayBeAStringOfDigits) {
-  SKIP_UNTIL_XML_READER_EXISTS();
+  GWTEST_SKIP_WITHOUT_CODEC(plist::Format::XML);
   setPreference("<string>2</string>");
   gwtest::LogCapture log(-1);
   logLevels0To3();
@@ -89,7 +80,7 @@ TEST_F(LogTest, PreferenceMayBeAStringOfDigits) {
 }
 
 TEST_F(LogTest, StoredMinusOneIsReadAgainOnTheNextCall) {
-  SKIP_UNTIL_XML_READER_EXISTS();
+  GWTEST_SKIP_WITHOUT_CODEC(plist::Format::XML);
   setPreference("<integer>-1</integer>");
   gwtest::LogCapture log(-1);
   GW_LOG(0, "silenced");

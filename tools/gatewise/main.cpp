@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include "cli.h"
@@ -20,7 +21,12 @@ std::vector<Registrar>& registrars() {
 Registration::Registration(Registrar registrar) { registrars().push_back(registrar); }
 
 int fail(std::string_view message) {
-  std::fprintf(stderr, "gatewise: %.*s\n", int(message.size()), message.data());
+  // One line, whatever the message holds, so scripts can read the reason with `read`.
+  std::string line(message);
+  for (char& c : line) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  std::fprintf(stderr, "gatewise: %s\n", line.c_str());
   return kExitUsage;
 }
 
@@ -46,8 +52,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForAllHelp& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    app.exit(e);
-    return gwcli::kExitUsage;
+    return gwcli::fail(e.what());
   }
 
   if (!root.empty()) ::setenv("GATEWISE_ROOT", root.c_str(), 1);
