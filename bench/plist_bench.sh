@@ -1,0 +1,101 @@
+#!/usr/bin/env bash
+# Property-list throughput: our codec beside python3's plistlib, and beside libplist's parsers when
+# the driver was built with them, on the same generated ~20 MB XML and binary files, in one run.
+# Usage: bench/plist_bench.sh [BUILD_DIR]   (BENCH_REPEAT=N runs: the best is kept; default 3)
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+build="${1:-build}"
+repeat="${BENCH_REPEAT:-3}"
+driver="$build/bench/plist_throughput"
+[ -x "$driver" ] || { echo "plist_bench: $driver is not built (cmake --build $build)" >&2; exit 1; }
+work="$(mktemp -d /tmp/gatewise-plist-bench-XXXXXX)"
+trap 'rm -rf "$work"' EXIT
+
+# Nested dictionaries and arrays of strings, integers, reals, dates and data, scaled until each
+# encoding is about 20 MB. Seeded, so every run measures the same files.
+python3 - "$work" <<'PY'
+import datetime, os, plistlib, random, sys
+work = sys.argv[1]
+target = 20 * 1000 * 1000
+
+def record(rng, i):
+    word = lambda: "".join(rng.choice("abcdefghijklmnopqrstuvwxyz") for _ in range(rng.randint(4, 14)))
+    base = datetime.datetime(2001, 1, 1)
+    return {
+        "name": f"user-{i}-{word()}",
+        "uid": rng.randint(500, 60000),
+        "quota": rng.randint(-2**62, 2**63 - 1),
+        "ratio": rng.random() * 1000,
+        "created": base + datetime.timedelta(seconds=rng.randint(-10**9, 10**9)),
+        "avatar": rng.randbytes(rng.randint(16, 96)),
+        "tags": [word() for _ in range(rng.randint(1, 6))],
+        "enabled": rng.random() < 0.5,
+        "limits": [{"day": d, "seconds": rng.randint(0, 86400), "label": word()}
+                   for d in range(rng.randint(1, 7))],
+        "history": [base + datetime.timedelta(seconds=rng.randint(0, 10**9)) for _ in range(3)],
+    }
+
+for name, fmt in (("sample.xml", plistlib.FMT_XML), ("sample.bplist", plistlib.FMT_BINARY)):
+    count = 2000
+    while True:
+        rng = random.Random(20261123)
+        value = {"version": 1, "users": [record(rng, i) for i in range(count)]}
+        data = plistlib.dumps(value, fmt=fmt)
+        if len(data) >= target * 0.95:
+            break
+        count = int(count * target / len(data)) + 1
+    with open(os.path.join(work, name), "wb") as f:
+        f.write(data)
+PY
+
+# plistlib on the same files, from memory, best of the same number of runs.
+measure_plistlib() {
+  python3 - "$work" "$repeat" <<'PY'
+import os, plistlib, sys, time
+work, repeat = sys.argv[1], int(sys.argv[2])
+def best(run):
+    times = []
+    for _ in range(repeat):
+        start = time.perf_counter(); run(); times.append(time.perf_counter() - start)
+    return min(times)
+for enc, name, fmt in (("xml", "sample.xml", plistlib.FMT_XML),
+                       ("binary", "sample.bplist", plistlib.FMT_BINARY)):
+    data = open(os.path.join(work, name), "rb").read()
+    value = plistlib.loads(data)
+    print(f"plistlib parse-{enc} {len(data)} {best(lambda: plistlib.loads(data)):.6f}")
+    print(f"plistlib write-{enc} {len(data)} {best(lambda: plistlib.dumps(value, fmt=fmt)):.6f}")
+PY
+}
+
+{
+  "$driver" "$work/sample.xml" "$work/sample.bplist" "$repeat"
+  measure_plistlib
+} > "$work/results.txt"
+
+python3 - "$work/results.txt" <<'PY'
+import sys
+rows = {}
+for line in open(sys.argv[1]):
+    who, op, size, secs = line.split()
+    rows[(who, op)] = (int(size), float(secs))
+mbps = lambda key: rows[key][0] / 1e6 / rows[key][1]
+print(f"files: XML {rows[('gatewise', 'parse-xml')][0] / 1e6:.1f} MB, "
+      f"binary {rows[('gatewise', 'parse-binary')][0] / 1e6:.1f} MB (best of runs, from memory)")
+print(f"{'operation':<14}{'gatewise MB/s':>15}{'plistlib MB/s':>15}{'ratio':>8}{'libplist MB/s':>15}{'ratio':>8}")
+short = []
+for op in ("parse-xml", "parse-binary", "write-xml", "write-binary"):
+    ours = mbps(("gatewise", op))
+    py = mbps(("plistlib", op))
+    line = f"{op:<14}{ours:>15.1f}{py:>15.1f}{ours / py:>7.1f}x"
+    if ours / py < 5:
+        short.append(f"{op}: {ours / py:.1f}x plistlib (goal 5x)")
+    if ("libplist", op) in rows:
+        lp = mbps(("libplist", op))
+        line += f"{lp:>15.1f}{ours / lp:>7.1f}x"
+        if ours < lp:
+            short.append(f"{op}: {ours / lp:.2f}x libplist (goal 1x)")
+    print(line)
+if not any(who == "libplist" for who, _ in rows):
+    print("libplist: not measured (the driver was built without libplist-dev)")
+print("goals (>= 5x plistlib, >= libplist's parsers): " + ("met" if not short else "NOT MET: " + "; ".join(short)))
+PY
