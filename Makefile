@@ -39,10 +39,13 @@ demo: build
 bench: build
 	bench/run.sh $(BUILD)
 
+# libFuzzer targets (clang), each run for FUZZ_SECONDS (default 20) on its seeds.
 fuzz: deps
+	@command -v clang++ >/dev/null || { echo "make fuzz needs clang: apt-get install clang" >&2; exit 1; }
 	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGATEWISE_FUZZ=ON \
-	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DGATEWISE_BENCH=OFF
-	cmake --build build-fuzz -j $(JOBS)
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DGATEWISE_BENCH=OFF \
+	  -DGATEWISE_TESTS=OFF
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
 	fuzz/run.sh build-fuzz
 
 clean:
