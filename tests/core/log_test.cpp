@@ -1,14 +1,11 @@
-#include <fcntl.h>
 #include <gatewise/exception.h>
 #include <gatewise/log.h>
 #include <gatewise/plist.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
 
-#include "platform/fs/file_io.h"
 #include "support/codec_probe.h"
 #include "support/log_capture.h"
 #include "support/temp_root.h"
@@ -149,39 +146,6 @@ TEST_F(LogTest, CaughtExceptionsAreLoggedAndTurnedIntoTheFailureValue) {
   EXPECT_EQ(lines[1].substr(lines[1].find(" -- ")), " -- *** Caught exception: plain failure");
   // Only std::exception is caught; anything else passes through.
   EXPECT_THROW(returningOnException("f", 1, 0, []() -> int { throw 5; }), int);
-}
-
-TEST_F(LogTest, StandardErrorGetsOneWholeLineAndCapturesMayLogThemselves) {
-  gwtest::LogCapture log(0);
-  LogDestinations d = logDestinations();
-  d.standardError = true;
-  bool nested = false;
-  int nestedLine = 0;
-  auto previousCapture = d.capture;
-  d.capture = [&](std::string_view line) {
-    previousCapture(line);
-    if (!nested) {
-      nested = true;
-      nestedLine = __LINE__ + 1;
-      GW_LOG(0, "logged from a capture");
-    }
-  };
-  setLogDestinations(d);
-
-  std::string errPath = root_.at("/stderr.txt");
-  int saved = ::dup(STDERR_FILENO);
-  int file = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  ASSERT_GE(file, 0);
-  ::dup2(file, STDERR_FILENO);
-  ::close(file);
-  GWFrameworkLog(0, "main", 3, "to %s", "standard error");
-  ::dup2(saved, STDERR_FILENO);
-  ::close(saved);
-
-  EXPECT_EQ(fs::readFile(errPath, 4096).value_or(""),
-            "main [3] -- to standard error\noperator() [" + std::to_string(nestedLine) +
-                "] -- logged from a capture\n");
-  EXPECT_EQ(log.lines().size(), 2u);
 }
 
 }  // namespace

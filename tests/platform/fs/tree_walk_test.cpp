@@ -60,10 +60,6 @@ TEST_F(TreeWalkTest, VisitsPhysicallyInNameOrderBeforeAndAfterFolders) {
   EXPECT_EQ(walk(both), (std::vector<std::string>{"0 F top", "1 F a", "2 F empty", "2 F empty/",
                                                   "2 f inner.txt", "1 F a/", "1 f b.txt",
                                                   "1 l c-link", "1 o d-fifo", "0 F top/"}));
-  WalkOptions postOnly;
-  postOnly.preOrder = false;
-  postOnly.postOrder = true;
-  EXPECT_EQ(walk(postOnly).front(), "2 F empty/");
 }
 
 TEST_F(TreeWalkTest, VisitorSkipsContentsOrStops) {
