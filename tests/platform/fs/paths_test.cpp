@@ -48,6 +48,7 @@ TEST(PathsTest, RelativePathsUseTheCurrentFolderAsFirstRead) {
   char buffer[4096];
   ASSERT_NE(::getcwd(buffer, sizeof buffer), nullptr);
   std::string start = buffer;
+  EXPECT_EQ(standardizedPath("a/./b/../c"), standardizedPath(start + "/a/c"));
   // The folder is cached: moving elsewhere does not change what relative paths mean.
   gwtest::TempRoot root;
   ASSERT_EQ(::chdir(root.path().c_str()), 0);
