@@ -190,8 +190,8 @@ std::string describeArg(const FormatArg& arg) {
       return std::to_string(arg.asSigned());
     case K::Unsigned:
       return std::to_string(arg.asUnsigned());
-    case K::Real:
-      return format("%g", arg.asReal());
+    case K::Real:  // as a number value describes itself, so "%@" reads the same everywhere
+      return plist::description(plist::Value(arg.asReal()));
   }
   return "(null)";
 }
