@@ -2,7 +2,7 @@
 # Shows what Gatewise does on a built-in sample, in a temporary system root that is removed after.
 # Usage: scripts/demo.sh STAGE   (STAGE: the prefix `make demo` installed into)
 set -euo pipefail
-stage="${1:?usage: demo.sh STAGE}"
+stage="$(cd "${1:?usage: demo.sh STAGE}" && pwd)"
 gatewise="$stage/bin/gatewise"
 root="$(mktemp -d /tmp/gatewise-demo-XXXXXX)"
 trap 'rm -rf "$root"' EXIT
