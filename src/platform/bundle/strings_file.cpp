@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "platform/fs/file_io.h"
+#include "platform/text/utf8.h"
 
 namespace gw::bundle {
 namespace {
@@ -55,24 +56,6 @@ std::optional<std::string> utf16ToUTF8(std::string_view bytes, bool bigEndian, s
     appendUTF8(out, c);
   }
   return out;
-}
-
-bool isValidUTF8(std::string_view s) {
-  std::size_t i = 0;
-  while (i < s.size()) {
-    auto c = std::uint8_t(s[i]);
-    std::size_t extra = c < 0x80         ? 0
-                        : (c >> 5) == 6  ? 1
-                        : (c >> 4) == 14 ? 2
-                        : (c >> 3) == 30 ? 3
-                                         : 9;
-    if (extra == 9 || s.size() - i <= extra) return false;
-    for (std::size_t k = 1; k <= extra; ++k) {
-      if ((std::uint8_t(s[i + k]) & 0xC0) != 0x80) return false;
-    }
-    i += extra + 1;
-  }
-  return true;
 }
 
 bool isUnquotedChar(char c) {
@@ -264,7 +247,7 @@ std::optional<StringsTable> parseStringsFile(std::string_view bytes, std::string
     text = std::move(*converted);
   } else {
     if (bytes.starts_with("\xEF\xBB\xBF")) bytes.remove_prefix(3);
-    if (!isValidUTF8(bytes)) {
+    if (!text::isValidUTF8(bytes)) {
       if (error) *error = "text is neither UTF-8 nor UTF-16 with a byte-order mark";
       return std::nullopt;
     }
