@@ -23,7 +23,6 @@ std::string configFor(const std::string& socket) {
   return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
          " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
          "<busconfig>\n"
-         "  <type>system</type>\n"
          "  <listen>unix:path=" +
          socket +
          "</listen>\n"
