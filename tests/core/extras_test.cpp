@@ -4,7 +4,6 @@
 #include <regex>
 #include <set>
 
-#include "support/plist_reader_ready.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -39,7 +38,6 @@ TEST(ExtrasTest, BundleNameFallsBackToTheFileNameWithoutExtension) {
 }
 
 TEST(ExtrasTest, BundleIDAndNameComeFromTheInfoDictionary) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::TempRoot root;
   root.writeFile("/Applications/Notes.app/Contents/Info.plist",
                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include "support/log_capture.h"
-#include "support/plist_reader_ready.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -26,7 +25,6 @@ std::vector<std::string> domainsOf(const std::string& user) {
 
 // Each switchable file: on, off, key missing, and unreadable as a dictionary.
 TEST(ManagedDomainsTest, SwitchableFilesCountOnlyWhenTheirKeyIsMissingOrTrue) {
-  GWTEST_REQUIRE_PLIST_READER();
   struct Switchable {
     const char* domain;
     const char* key;
@@ -58,7 +56,6 @@ TEST(ManagedDomainsTest, SwitchableFilesCountOnlyWhenTheirKeyIsMissingOrTrue) {
 }
 
 TEST(ManagedDomainsTest, CompleteIsSkippedAndSubFoldersReportRelativePaths) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::TempRoot root;
   root.writeFile(std::string(kFolder) + "com.morvane.vistrel.plist",
                  plistWith("<dict><key>whiteListEnabled</key><false/></dict>"));
@@ -77,7 +74,6 @@ TEST(ManagedDomainsTest, CompleteIsSkippedAndSubFoldersReportRelativePaths) {
 }
 
 TEST(ManagedDomainsTest, UnreadableSwitchableFilesAreLeftOut) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::TempRoot root;
   std::string folder = root.makeFolder(kFolder);
   root.writeFile(std::string(kFolder) + "com.morvane.Lumeway.plist", "");

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "support/plist_reader_ready.h"
 #include "support/temp_root.h"
 
 namespace gw::bundle {
@@ -48,7 +47,6 @@ std::string makeClockApp(const gwtest::TempRoot& root) {
 }
 
 TEST(BundleTest, ContentsLayoutGivesInfoExecutableAndLocalizations) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::TempRoot root;
   BundleRef clock = Bundle::open(makeClockApp(root) + "/");
   ASSERT_TRUE(clock);

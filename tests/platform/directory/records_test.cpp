@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
-#include "support/plist_reader_ready.h"
 #include "support/temp_root.h"
 
 namespace gw::directory {
@@ -38,14 +37,14 @@ void writeRecord(const gwtest::TempRoot& root, const std::string& file, const st
 
 std::vector<std::string> managedNames() {
   std::vector<std::string> names;
-  for (const auto& user : *GWGetLocalManagedUsers()) {
+  gw::plist::ArrayRef users = GWGetLocalManagedUsers();
+  for (const auto& user : *users) {
     names.push_back(user.dictionary()->get("name").string());
   }
   return names;
 }
 
 TEST(DirectoryRecordsTest, ManagedUsersBeginWithTheDeclarationIgnoringCase) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::TempRoot root;
   gwtest::LogCapture log(0);
   const std::string body = "\n<plist version=\"1.0\"><dict/></plist>";
@@ -73,7 +72,6 @@ TEST(DirectoryRecordsTest, ManagedUsersBeginWithTheDeclarationIgnoringCase) {
 }
 
 TEST(DirectoryRecordsTest, ManagedUserDictionariesHoldSingleNameAndRealName) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::TempRoot root;
   gwtest::LogCapture log(0);
   writeRecord(root, "alice.plist",

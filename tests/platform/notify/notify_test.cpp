@@ -9,7 +9,6 @@
 
 #include "support/bus_fixture.h"
 #include "support/log_capture.h"
-#include "support/plist_reader_ready.h"
 #include "support/process.h"
 #include "support/temp_root.h"
 
@@ -37,7 +36,6 @@ bool runLoopUntil(const std::function<bool()>& done) {
 }
 
 TEST(NotifyTest, AnotherProcessSeesThePostWithItsUserInfoIntact) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::sharedPrivateBus();
   gwtest::ChildProcess listener(
       {GATEWISE_TEST_CLI, "notify", "listen", "Alpha", "Beta", "--count", "2", "--timeout", "20"});
@@ -58,7 +56,6 @@ TEST(NotifyTest, AnotherProcessSeesThePostWithItsUserInfoIntact) {
 }
 
 TEST(NotifyTest, ThisProcessSeesAPostFromTheCommandLineWithItsUserInfoIntact) {
-  GWTEST_REQUIRE_PLIST_READER();
   gwtest::sharedPrivateBus();
   gwtest::TempRoot root;
   std::string file = root.at("/info.plist");
