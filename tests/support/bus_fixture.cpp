@@ -80,11 +80,16 @@ PrivateBus::PrivateBus() {
     throw std::runtime_error("dbus-daemon gave no address");
   }
   address_ = line.substr(0, line.find('\n'));
+  if (const char* previous = std::getenv("DBUS_SYSTEM_BUS_ADDRESS")) previousAddress_ = previous;
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
 }
 
 PrivateBus::~PrivateBus() {
-  ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+  if (previousAddress_) {
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", previousAddress_->c_str(), 1);
+  } else {
+    ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+  }
   if (pid_ > 0) {
     ::kill(pid_, SIGTERM);
     int status;

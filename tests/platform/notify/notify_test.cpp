@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "platform/notify/center.h"
 #include "support/bus_fixture.h"
 #include "support/log_capture.h"
 #include "support/process.h"
@@ -118,6 +119,25 @@ TEST(NotifyTest, NamesThatCannotBeMatchedAreRefused) {
   gwtest::LogCapture log(0);
   EXPECT_FALSE(addObserver("it's", "", [](const Notification&) {}));
   EXPECT_TRUE(log.contains("can't be matched"));
+}
+
+TEST(NotifyTest, ObserversSurviveTheBusGoingAwayAndComingBack) {
+  gwtest::sharedPrivateBus();
+  int heard = 0;
+  auto observer = addObserver("Epsilon", "", [&](const Notification&) { ++heard; });
+  ASSERT_TRUE(observer);
+  {
+    gwtest::PrivateBus replacement;
+    disconnectForTesting();
+    drainPendingNotifications();  // reconnects to the replacement and installs the match again
+    ASSERT_TRUE(postNotification("Epsilon"));
+    ASSERT_TRUE(runLoopUntil([&] { return heard == 1; }));
+  }
+  // The replacement bus is gone: its hang-up is handled once, and the loop goes quiet instead of
+  // reporting the dead socket over and over.
+  gw::runloop::runRunLoopOnce(1s);
+  EXPECT_EQ(gw::runloop::runRunLoopOnce(50ms), 0);
+  removeObserver(*observer);
 }
 
 }  // namespace
