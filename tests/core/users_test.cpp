@@ -15,7 +15,8 @@ class UsersTest : public ::testing::Test {
                               "root:x:0:0:root:/root:/bin/sh\n"
                               "alice:x:1001:1001:Alice:/home/alice:/bin/sh\n"
                               "j\xC3\xBCrgen:x:1003:1001:J:/home/jurgen:/bin/sh\n"
-                              "b\xE9" "d:x:1002:1001:Bad:/home/bad:/bin/sh\n");
+                              "b\xE9"
+                              "d:x:1002:1001:Bad:/home/bad:/bin/sh\n");
     group_ = root_.writeFile("/nss/group", "root:x:0:\nusers:x:1001:\n");
   }
 
@@ -41,7 +42,11 @@ TEST_F(UsersTest, NamesAndUIDsComeFromThePasswordDatabase) {
 
 TEST_F(UsersTest, UnknownAndUnconvertibleNamesGiveAllOnes) {
   EXPECT_EQ(cli({"uid", "mallory"}).out, "4294967295\n");
-  EXPECT_EQ(cli({"uid", "b\xE9" "d"}).out, "4294967295\n");  // in the database, but not UTF-8
+  EXPECT_EQ(cli({"uid",
+                 "b\xE9"
+                 "d"})
+                .out,
+            "4294967295\n");  // in the database, but not UTF-8
   auto unknown = cli({"name", "4242"});
   EXPECT_EQ(unknown.exitStatus, 1);
   EXPECT_EQ(unknown.out, "");
