@@ -246,13 +246,14 @@ int32_t IdentityCreateWithPath(const char* path, const char* const* excludedPath
                                uint8_t** identity, uint32_t* length) {
   if (identity != nullptr) *identity = nullptr;
   if (length != nullptr) *length = 0;
-  if (path == nullptr || identity == nullptr || length == nullptr) return -50;
+  if (path == nullptr || identity == nullptr || length == nullptr)
+    return gw::identity::kBadArgument;
   try {
     return gw::identity::createIdentity(path, excludedPaths, identity, length);
   } catch (const std::bad_alloc&) {
-    return -108;
+    return gw::identity::kOutOfMemory;
   } catch (const std::exception& e) {
     GW_LOG_CAUGHT(e);
-    return -1;
+    return gw::identity::kOther;
   }
 }

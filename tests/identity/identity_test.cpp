@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "identity/identity_buffer.h"
@@ -231,6 +232,28 @@ TEST(IdentityTest, PrebindingDoesNotChangeTheIdentityOfBigEndianImages) {
   ImageOptions little{false, false, false};
   Bytes prebound = writeImage(little, Prebinding{});
   EXPECT_EQ(identityOf(install("/l/x", prebound)), expectedRecord({{0, kFile, ""}}, {prebound}));
+}
+
+TEST(IdentityTest, ThreadsMakingIdentitiesOfPreboundImagesAgree) {
+  using namespace gwtest::macho;
+  gwtest::TempRoot root;
+  for (int i = 0; i < 4; ++i) {
+    Prebinding prebinding;
+    prebinding.bound[0] += std::uint32_t(i) * 0x100;
+    Bytes image = writeImage({true, false, i % 2 == 1}, prebinding);
+    root.writeFile("/T/bin" + std::to_string(i), std::string(image.begin(), image.end()));
+  }
+  Bytes expected = identityOf(root.at("/T"));
+  ASSERT_FALSE(expected.empty());
+  std::vector<Bytes> results(4);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < 10; ++round) results[t] = identityOf(root.at("/T"));
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (const Bytes& result : results) EXPECT_EQ(result, expected);
 }
 
 TEST(IdentityTest, HostileTreesGiveAStatusNotACrash) {
