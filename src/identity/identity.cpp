@@ -212,7 +212,8 @@ std::int32_t createIdentity(const char* path, const char* const* excludedPaths,
   std::size_t rootLength = std::strlen(path);
   errno = 0;
   while (FTSENT* entry = fts_read(walk.get())) {
-    if (entry->fts_info == FTS_NS || entry->fts_info == FTS_NSOK || entry->fts_statp == nullptr) {
+    if (entry->fts_info == FTS_NS || entry->fts_info == FTS_NSOK || entry->fts_info == FTS_ERR ||
+        entry->fts_statp == nullptr) {
       continue;
     }
     if (std::strncmp(entry->fts_name, kMorvaneDoublePrefix, kMorvaneDoublePrefixLength) == 0) {
