@@ -135,11 +135,15 @@ TEST(UnprebindTest, FatFilesAndArchivesHaveEveryMemberUnprebound) {
   EXPECT_EQ(result.output, canonicalArchive);
 }
 
-TEST(UnprebindTest, RewritingInPlaceKeepsTheModeAndLeavesNoTemporaryFile) {
+TEST(UnprebindTest, RewritingInPlaceKeepsModeAndOwnerAndLeavesNoTemporaryFile) {
   gwtest::TempRoot root;
   Bytes prebound = writeImage({}, Prebinding{});
   std::string path = root.writeFile("/bin/tool", std::string(prebound.begin(), prebound.end()));
   ASSERT_EQ(::chmod(path.c_str(), 0751), 0);
+  const bool superuser = ::geteuid() == 0;
+  if (superuser) {
+    ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+  }
   ASSERT_EQ(unprebind(path.c_str(), nullptr, nullptr, nullptr, 1, nullptr, 0, nullptr, nullptr), 0);
   std::ifstream in(path, std::ios::binary);
   Bytes written((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -147,6 +151,10 @@ TEST(UnprebindTest, RewritingInPlaceKeepsTheModeAndLeavesNoTemporaryFile) {
   struct stat info;
   ASSERT_EQ(::stat(path.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0751u);
+  if (superuser) {
+    EXPECT_EQ(info.st_uid, 65534u);
+    EXPECT_EQ(info.st_gid, 65534u);
+  }
   EXPECT_NE(::access((path + ".redo_prebinding").c_str(), F_OK), 0);
 }
 
