@@ -196,6 +196,17 @@ TEST(UnprebindTest, FailuresReportTheirTextAndResultOne) {
             std::string::npos)
       << result.message;
 
+  // The scattered entry recording the first lazy pointer's value moved to another address.
+  Bytes noRecord = prebound;
+  std::uint32_t first = gw::macho::load32(noRecord.data() + 0x2010, gw::macho::ByteSex::Big);
+  gw::macho::store32(noRecord.data() + 0x2010, first + 0x100, gw::macho::ByteSex::Big);
+  result = unprebindMemory(noRecord);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.message.find("(for architecture ppc) (no local relocation entry for lazy symbol "
+                                "pointer 0)"),
+            std::string::npos)
+      << result.message;
+
   // Every truncation of the image ends in 1 or 2 with nothing written on failure.
   for (std::size_t size = 0; size < prebound.size(); size += 37) {
     Bytes cut(prebound.begin(), prebound.begin() + long(size));
