@@ -5,8 +5,10 @@
 // division so that count * width cannot overflow. Cycles are found by marking the containers on
 // the current path. A file can still describe far more values than it has bytes (references to
 // the same object from many places, or objects whose offsets alias one another), so the reader
-// keeps a budget of values and string bytes made, proportional to the file size, and refuses
-// a file that exceeds it instead of hanging or exhausting memory.
+// keeps a budget of the memory it makes (a fixed cost per value plus string and data bytes),
+// proportional to the file size, and refuses a file that exceeds it instead of hanging or
+// exhausting memory. Real documents stay far below it: a reference of at least one byte yields
+// one value, and repeated keys are short.
 //
 // Sharing: data and (unless mutable containers were asked for) containers referenced from more
 // than one place are decoded at most twice and then shared, so the work stays linear without a
@@ -48,6 +50,9 @@ class BinaryReader {
   }
 
  private:
+  // What one value costs against the budget, about its size in memory with its container's share.
+  static constexpr std::uint64_t kValueCost = 64;
+
   // Per-object state for cycle detection and sharing.
   enum State : std::uint8_t { kUnseen, kOnPath, kSeenOnce, kShared };
 
@@ -61,8 +66,11 @@ class BinaryReader {
   }
 
   bool readTrailer() {
-    if (size_ < kHeaderSize + kTrailerSize || std::memcmp(data_, kMagic, kHeaderSize) != 0) {
-      return fail("bad binary property list: too short for a header and trailer");
+    if (size_ < kHeaderSize || std::memcmp(data_, kMagic, kHeaderSize) != 0) {
+      return fail("not a binary property list: no \"bplist00\" header");
+    }
+    if (size_ < kHeaderSize + kTrailerSize) {
+      return fail("bad binary property list: too short for a trailer");
     }
     const std::uint8_t* t = data_ + size_ - kTrailerSize;
     offsetSize_ = t[kTrailerOffsetIntSize];
@@ -89,7 +97,7 @@ class BinaryReader {
     if (!why.empty()) return fail("bad binary property list trailer: " + why);
     objectEnd_ = offsetTable_;
     state_.assign(objectCount_, kUnseen);
-    budget_ = 64 * std::uint64_t(size_) + (std::uint64_t(64) << 20);
+    budget_ = 256 * std::uint64_t(size_) + (std::uint64_t(64) << 20);
     return true;
   }
 
@@ -143,7 +151,7 @@ class BinaryReader {
   bool readObject(std::uint64_t index, unsigned depth, Value& out) {
     std::uint64_t pos = 0;
     std::uint8_t marker = 0;
-    if (!locate(index, pos, marker) || !spend(index, 1)) return false;
+    if (!locate(index, pos, marker) || !spend(index, kValueCost)) return false;
     switch (marker & 0xF0) {
       case kSimple:
         if (marker == kNull || marker == kFill) {
@@ -317,7 +325,7 @@ class BinaryReader {
   bool readKey(std::uint64_t index, std::string& out) {
     std::uint64_t pos = 0;
     std::uint8_t marker = 0;
-    if (!locate(index, pos, marker) || !spend(index, 1)) return false;
+    if (!locate(index, pos, marker) || !spend(index, kValueCost)) return false;
     std::uint8_t type = marker & 0xF0;
     if (type != kASCIIString && type != kUTF16String) {
       return failAt(index, "dictionary key is not a string");
@@ -397,7 +405,7 @@ class BinaryReader {
   std::uint64_t offsetTable_ = 0;
   std::uint64_t objectEnd_ = 0;     // objects lie in [kHeaderSize, objectEnd_)
   std::uint64_t objectOffset_ = 0;  // of the object being read, for messages
-  std::uint64_t budget_ = 0;        // values and string bytes still allowed
+  std::uint64_t budget_ = 0;        // bytes of values still allowed
   std::vector<std::uint8_t> state_;
   std::unordered_map<std::uint64_t, Value> shared_;
   std::string error_;
