@@ -242,7 +242,7 @@ class BinaryReader {
 
   bool readData(std::uint64_t index, std::uint8_t marker, std::uint64_t pos, Value& out) {
     if (state_[index] == kShared) {
-      out = shared_.at(index);
+      out = shared_.at(index).value;
       return true;
     }
     std::uint64_t length = 0;
@@ -251,14 +251,15 @@ class BinaryReader {
     if (!spend(index, length)) return false;
     const std::uint8_t* p = data_ + pos;
     out = Value(std::make_shared<const Data>(p, p + length));
-    remember(index, out);
+    remember(index, out, 0);
     return true;
   }
 
-  // After a shareable object has been decoded: the second decode is kept for later references.
-  void remember(std::uint64_t index, const Value& v) {
+  // After a shareable object has been decoded: the second decode is kept for later references,
+  // with the number of container levels it spans (0 for data).
+  void remember(std::uint64_t index, const Value& v, unsigned height) {
     if (state_[index] == kSeenOnce) {
-      shared_.emplace(index, v);
+      shared_.emplace(index, Shared{v, height});
       state_[index] = kShared;
     } else {
       state_[index] = kSeenOnce;
@@ -341,14 +342,19 @@ class BinaryReader {
                      Value& out) {
     const bool isMutable = options_.mutability == Mutability::MutableContainers;
     if (state_[index] == kOnPath) return failAt(index, "object contains itself (a cycle)");
-    if (state_[index] == kShared) {
-      out = shared_.at(index);
-      return true;
-    }
-    if (depth >= options_.maxDepth) {
+    auto tooDeep = [&] {
       return failAt(
           index, "containers nested deeper than " + std::to_string(options_.maxDepth) + " levels");
+    };
+    if (state_[index] == kShared) {
+      // Shared from a shallower place, it may still reach too deep from here.
+      const Shared& shared = shared_.at(index);
+      if (depth + shared.height > options_.maxDepth) return tooDeep();
+      deepest_ = std::max(deepest_, depth + shared.height);
+      out = shared.value;
+      return true;
     }
+    if (depth >= options_.maxDepth) return tooDeep();
     const bool isDictionary = (marker & 0xF0) == kDictionary;
     std::uint64_t count = 0;
     if (!readCount(index, marker, pos, count)) return false;
@@ -358,11 +364,15 @@ class BinaryReader {
                     "container of " + std::to_string(count) + " items runs past the object area");
     }
     const State before = State(state_[index]);
+    const unsigned deepestBefore = deepest_;
     state_[index] = kOnPath;
+    deepest_ = depth + 1;
     bool ok = isDictionary ? readDictionaryItems(pos, count, depth, isMutable, out)
                            : readArrayItems(pos, count, depth, isMutable, out);
     state_[index] = before;
-    if (ok && !isMutable) remember(index, out);
+    const unsigned height = deepest_ - depth;
+    deepest_ = std::max(deepest_, deepestBefore);
+    if (ok && !isMutable) remember(index, out, height);
     return ok;
   }
 
@@ -407,7 +417,12 @@ class BinaryReader {
   std::uint64_t objectOffset_ = 0;  // of the object being read, for messages
   std::uint64_t budget_ = 0;        // bytes of values still allowed
   std::vector<std::uint8_t> state_;
-  std::unordered_map<std::uint64_t, Value> shared_;
+  struct Shared {
+    Value value;
+    unsigned height;
+  };
+  std::unordered_map<std::uint64_t, Shared> shared_;
+  unsigned deepest_ = 0;  // the deepest container level reached under the current container
   std::string error_;
 };
 

@@ -264,6 +264,13 @@ TEST(BinaryPlistTest, DepthLimitCountsNestedContainers) {
   EXPECT_TRUE(readPropertyList(nested(2), options));  // three arrays
   EXPECT_FALSE(readPropertyList(nested(3), options));
   EXPECT_TRUE(readPropertyList(nested(511)));
+  // C = [[]] appears twice at the second level, then inside X one level deeper: by then it is
+  // shared rather than decoded again, and must still count its own two levels.
+  const Bytes reused =
+      document({hex({0xA3, 1, 1, 2}), hex({0xA1, 3}), hex({0xA1, 1}), hex({0xA0})});
+  EXPECT_FALSE(readPropertyList(reused, options));
+  options.maxDepth = 4;
+  EXPECT_TRUE(readPropertyList(reused, options));
 }
 
 TEST(BinaryPlistTest, SharedReferencesCannotExpandWithoutBound) {
