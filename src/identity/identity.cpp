@@ -1,7 +1,7 @@
 // IdentityCreateWithPath: the identity record of a file or bundle folder.
 //
 // Resource forks on Linux: no Linux file system offers named forks, so the
-// "<path>/..namedfork/rsrc" look-up fails with ENOTDIR and the "._" sidecar (AppleDouble) beside
+// "<path>/..namedfork/rsrc" look-up fails with ENOTDIR and the "._" sidecar (double-file) beside
 // the file stands for the fork, read as stated below. Extended attributes are not consulted. As on
 // the original platform, the sidecar's entry ids are compared without byte-order conversion, so on
 // a little-endian host only entries whose id bytes are 02 00 00 00 count as resource forks;
@@ -40,7 +40,7 @@ constexpr std::size_t kPathLimit = 1024;
 constexpr std::size_t kHeaderLength = 48;
 constexpr std::uint32_t kFormatVersion = 1;
 constexpr char kFormatMark[4] = {'4', '2', '5', '3'};
-constexpr std::uint32_t kAppleDoubleMagic = 0x00051607;
+constexpr std::uint32_t kDoubleFileMagic = 0x00051607;
 constexpr std::uint32_t kResourceForkEntry = 2;
 
 void putBigEndian32(std::uint8_t* at, std::uint32_t value) {
@@ -98,7 +98,7 @@ std::int32_t pushSidecarResourceFork(IdentityBuffer& buffer, const std::string& 
   if (file.get() < 0) return 0;
   std::uint8_t header[26];
   if (fdread(file.get(), header, sizeof header, 0) != ssize_t(sizeof header)) return 0;
-  if (bigEndian32(header) != kAppleDoubleMagic) return 0;
+  if (bigEndian32(header) != kDoubleFileMagic) return 0;
   std::uint16_t count = std::uint16_t(header[24] << 8 | header[25]);
   for (std::uint16_t i = 0; i < count; ++i) {
     std::uint8_t entry[12];

@@ -189,7 +189,7 @@ TEST(IdentityTest, SidecarFilesAreNeverEntriesButHoldTheResourceFork) {
   root.writeFile("/S/._a.txt", "not a double file");
   EXPECT_EQ(identityOf(root.at("/S")), plain);
 
-  // An AppleDouble sidecar with one entry, id bytes as given, whose data is "RSRC".
+  // An double-file sidecar with one entry, id bytes as given, whose data is "RSRC".
   auto sidecar = [](std::string idBytes) {
     std::string s("\x00\x05\x16\x07\x00\x02\x00\x00", 8);
     s += std::string(16, '\0') + std::string("\x00\x01", 2);

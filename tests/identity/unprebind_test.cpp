@@ -222,7 +222,7 @@ TEST(UnprebindTest, SidecarResourceForkRefusesTheFile) {
   gwtest::TempRoot root;
   Bytes prebound = writeImage({}, Prebinding{});
   std::string path = root.writeFile("/tool", std::string(prebound.begin(), prebound.end()));
-  // AppleDouble header with one resource-fork entry (id 2) of 4 bytes at offset 38.
+  // double-file header with one resource-fork entry (id 2) of 4 bytes at offset 38.
   std::string sidecar("\x00\x05\x16\x07\x00\x02\x00\x00", 8);
   sidecar += std::string(16, '\0');
   sidecar += std::string("\x00\x01", 2);

@@ -26,7 +26,7 @@ bool has_resource_fork(const char* path) {
   bool found = false;
   std::uint8_t header[26];
   if (::pread(fd, header, sizeof header, 0) == ssize_t(sizeof header) &&
-      load32(header, ByteSex::Big) == kAppleDoubleMagic) {
+      load32(header, ByteSex::Big) == kDoubleFileMagic) {
     std::uint16_t count = load16(header + 24, ByteSex::Big);
     for (std::uint16_t i = 0; i < count && !found; ++i) {
       std::uint8_t entry[12];
@@ -34,8 +34,8 @@ bool has_resource_fork(const char* path) {
       std::uint32_t id = load32(entry, ByteSex::Big);
       std::uint32_t offset = load32(entry + 4, ByteSex::Big);
       std::uint32_t length = load32(entry + 8, ByteSex::Big);
-      if (id == kAppleDoubleResourceForkId && length > 0) found = true;
-      if (id == kAppleDoubleFinderInfoId && length >= 8) {
+      if (id == kDoubleFileResourceForkId && length > 0) found = true;
+      if (id == kDoubleFileInfoId && length >= 8) {
         std::uint8_t typeAndCreator[8];
         if (::pread(fd, typeAndCreator, 8, off_t(offset)) == 8) {
           for (std::uint8_t byte : typeAndCreator) found = found || byte != 0;
