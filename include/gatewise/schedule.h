@@ -3,4 +3,5 @@
 // all of them.
 #pragma once
 
+#include <gatewise/schedule/calendar.h>
 #include <gatewise/schedule/time_of_day.h>
