@@ -4,4 +4,5 @@
 #pragma once
 
 #include <gatewise/schedule/calendar.h>
+#include <gatewise/schedule/curfews.h>
 #include <gatewise/schedule/time_of_day.h>
