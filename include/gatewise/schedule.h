@@ -3,6 +3,7 @@
 // all of them.
 #pragma once
 
+#include <gatewise/schedule/allowance.h>
 #include <gatewise/schedule/calendar.h>
 #include <gatewise/schedule/curfews.h>
 #include <gatewise/schedule/time_of_day.h>
