@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -110,5 +111,12 @@ GW_EXPORT bool approximatelyEqualTo(plist::Date date, plist::Date other);
 // Date category GWExtras, class operation: the next midnight, the start of tomorrow. Unlike
 // midnightDate(date), which gives the start of the date's own day.
 GW_EXPORT plist::Date midnightDate();
+
+// Local date text "YYYY-MM-DD HH:MM:SS" for tools and logs, in the time zone of TZ. Parsing
+// resolves skipped and repeated times as the calendar arithmetic does (a skipped time is the
+// moment the clocks jumped; a repeated one its first occurrence); nullopt for other text.
+GW_EXPORT std::optional<plist::Date> dateFromLocalString(std::string_view text);
+// Fractions of a second are dropped.
+GW_EXPORT std::string localStringFromDate(plist::Date date);
 
 }  // namespace gw
