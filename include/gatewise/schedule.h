@@ -6,4 +6,5 @@
 #include <gatewise/schedule/allowance.h>
 #include <gatewise/schedule/calendar.h>
 #include <gatewise/schedule/curfews.h>
+#include <gatewise/schedule/text.h>
 #include <gatewise/schedule/time_of_day.h>

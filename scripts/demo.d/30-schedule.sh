@@ -25,3 +25,7 @@ run curfews next-free --curfews "$curfews_file" --at "$tonight"
 section "The work week follows the locale"
 run week --locale en_US
 run week --locale he_IL
+
+section "Duration texts"
+run duration 90061
+run duration --short --with-seconds 3725

@@ -2,6 +2,7 @@
 #include <gatewise/plist.h>
 #include <gatewise/schedule.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -124,12 +125,33 @@ int readBack(const ScheduleOptions& options, bool weekend) {
   return kExitYes;
 }
 
+int printDuration(const ScheduleOptions& options) {
+  if (options.shortForm) {
+    if (options.seconds < INT32_MIN || options.seconds > INT32_MAX) {
+      return fail("--short wants SECONDS within 32 bits");
+    }
+    std::puts(gw::GWUtilities::shortTimeDurationStringForSeconds(std::int32_t(options.seconds),
+                                                                 options.withSeconds)
+                  .c_str());
+  } else {
+    std::puts(gw::GWTimeDurationString(options.seconds).c_str());
+  }
+  return kExitYes;
+}
+
 void registerScheduleCommands(CLI::App& app, Context& context) {
   auto options = std::make_shared<ScheduleOptions>();
 
   CLI::App* week = app.add_subcommand("week", "The local work week and weekend");
   week->add_option("--locale", options->locale, "Locale instead of LC_ALL/LC_TIME/LANG");
   week->callback([&context, options] { context.run = [options] { return printWeek(*options); }; });
+
+  CLI::App* duration = app.add_subcommand("duration", "A duration as text");
+  duration->add_flag("--short", options->shortForm, "Compact clock form (1:02:05)");
+  duration->add_flag("--with-seconds", options->withSeconds, "Show seconds in the compact form");
+  duration->add_option("SECONDS", options->seconds, "Seconds")->required();
+  duration->callback(
+      [&context, options] { context.run = [options] { return printDuration(*options); }; });
 
   CLI::App* curfews = app.add_subcommand("curfews", "Query and edit curfews");
   curfews->require_subcommand(1);

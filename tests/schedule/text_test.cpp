@@ -1,0 +1,87 @@
+#include <gatewise/exception.h>
+#include <gatewise/schedule/calendar.h>
+#include <gatewise/schedule/text.h>
+#include <gtest/gtest.h>
+
+namespace gw {
+namespace {
+
+namespace U = GWUtilities;
+
+TEST(DurationTextTest, PhrasesCountEachUnitWithoutRounding) {
+  EXPECT_EQ(GWTimeDurationString(0), "0 minutes");
+  EXPECT_EQ(GWTimeDurationString(0.5), "less than a second");
+  EXPECT_EQ(GWTimeDurationString(7200), "2 hours");
+  EXPECT_EQ(GWTimeDurationString(3601), "1 hour and 1 second");
+  EXPECT_EQ(GWTimeDurationString(3659.9), "1 hour and 59 seconds");
+  EXPECT_EQ(GWTimeDurationString(90061), "1 day, 1 hour, 1 minute and 1 second");
+  EXPECT_EQ(GWTimeDurationString(2 * 86400 + 120), "2 days and 2 minutes");
+  EXPECT_EQ(U::timeDurationStringForSeconds(180 + 5), "3 minutes and 5 seconds");
+  EXPECT_EQ(GWTimeDurationString(-5), "less than a second");
+}
+
+TEST(DurationTextTest, ShortFormsKeepTheirOddCorners) {
+  struct Case {
+    std::int32_t seconds;
+    const char* withSeconds;
+    const char* without;
+  } cases[] = {{3725, "1:02:05", "1:02"},
+               {45, ":45", ""},
+               {60, "1:00", "1"},
+               {90000, "1:01:00:00", "1:01:00"},
+               {86400, "1:00:00:00", "1:00:00"},
+               {0, ":00", ""}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(U::shortTimeDurationStringForSeconds(c.seconds, true), c.withSeconds) << c.seconds;
+    EXPECT_EQ(U::shortTimeDurationStringForSeconds(c.seconds, false), c.without) << c.seconds;
+  }
+}
+
+TEST(ClockTextTest, HourIndexSaysNoonButSpansCallTwelveAM) {
+  EXPECT_EQ(U::timeStringWithHourIndex(0), "12 AM");
+  EXPECT_EQ(U::timeStringWithHourIndex(11), "11 AM");
+  EXPECT_EQ(U::timeStringWithHourIndex(12), "Noon");
+  EXPECT_EQ(U::timeStringWithHourIndex(23), "11 PM");
+  EXPECT_EQ(U::timeStringWithHourIndex(12, 0, false), "12:00 PM");
+  EXPECT_EQ(U::timeStringWithHourIndex(0, 5, false), "12:05 AM");
+  EXPECT_EQ(U::timeStringWithHourIndex(24, 0, false), "12:00 AM");
+  EXPECT_EQ(U::timeStringWithHourIndex(21, 30, false), "9:30 PM");
+  EXPECT_EQ(U::timeStringWithHourIndex(7, 5, true), "7:05");
+  EXPECT_EQ(U::timeSpanStringWithFromHour(12, 0, 13, 30), "12:00AM - 1:30PM");
+  EXPECT_EQ(U::timeSpanStringWithFromHour(21, 0, 7, 0), "9:00PM - 7:00AM");
+  EXPECT_EQ(U::timeSpanStringWithFromHour(0, 0, 24, 0), "12:00AM - 12:00AM");
+  EXPECT_EQ(U::timeSpanStringWithFromHour(8, 0, 0, 0), "8:00AM - 0:00AM");
+}
+
+class DayNameTest : public ::testing::Test {
+ protected:
+  void TearDown() override { setWeekDataLocale(""); }
+};
+
+TEST_F(DayNameTest, ShortAndSingularNamesFollowTheLocalePluralsStayEnglish) {
+  setWeekDataLocale("en_US");
+  EXPECT_EQ(U::shortDayStringForIndex(0), "Mon");
+  EXPECT_EQ(U::singularDayStringForIndex(6), "Sunday");
+  setWeekDataLocale("de_DE");
+  EXPECT_EQ(U::singularDayStringForIndex(0), "Montag");
+  EXPECT_EQ(U::singularDayStringForIndex(6), "Sonntag");
+  EXPECT_EQ(U::pluralDayStringForIndex(0), "Mondays");
+  EXPECT_EQ(U::pluralDayStringForIndex(6), "Sundays");
+  EXPECT_EQ(U::pluralDayStringForIndex(7), "");
+  EXPECT_EQ(U::pluralDayStringForIndex(-1), "");
+  EXPECT_EQ(U::singularDayStringForIndex(-1), "");
+}
+
+TEST_F(DayNameTest, IndexAboveSixThrows) {
+  try {
+    (void)U::shortDayStringForIndex(7);
+    FAIL() << "no exception";
+  } catch (const GWException& e) {
+    EXPECT_EQ(e.name(), "GWUtilities");
+    EXPECT_EQ(e.reason(), "+[GWUtilities shortDayStringForIndex:] -- index out of bounds.");
+  }
+  EXPECT_THROW((void)U::singularDayStringForIndex(9), GWException);
+}
+
+}  // namespace
+}  // namespace gw
