@@ -17,6 +17,8 @@ TEST(GWTimeTest, ParsesLeniently) {
   EXPECT_EQ(GWTime::timeWithString(std::string_view("12:00\0:00", 9)), nullptr);
   EXPECT_EQ(GWTime::timeWithString(plist::Value(1200)), nullptr);
   EXPECT_EQ(GWTime::midnight()->seconds(), 0);
+  EXPECT_EQ(text(GWTime::timeWithString("-1:+2:3")), "-1:02:03");
+  EXPECT_EQ(GWTime::timeWithString(static_cast<const char*>(nullptr)), nullptr);
 }
 
 TEST(GWTimeTest, StepsWrapThroughTheDay) {

@@ -37,6 +37,11 @@ class GW_EXPORT GWTime : public GWObject {
   // embedded NUL byte).
   static GWTimeRef initWithString(std::string_view text);
   static GWTimeRef timeWithString(std::string_view text) { return initWithString(text); }
+  static GWTimeRef timeWithString(const std::string& text) { return initWithString(text); }
+  // nullptr for a null text.
+  static GWTimeRef timeWithString(const char* text) {
+    return text ? initWithString(std::string_view(text)) : nullptr;
+  }
   // nullptr unless value is a string.
   static GWTimeRef timeWithString(const plist::Value& value);
   static GWTimeRef midnight();
