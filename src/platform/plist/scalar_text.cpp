@@ -158,11 +158,12 @@ std::optional<Date> parseISO8601(std::string_view s) {
   s = trimmed(s);
   if (s.empty() || s.back() != 'Z') return std::nullopt;
   s.remove_suffix(1);
+  if (s.empty()) return std::nullopt;  // the year at least
   // Fields in order, each with the separator that introduces it.
   static constexpr struct {
     char separator;
     unsigned digits, min, max;
-  } kFields[] = {{0, 4, 0, 9999}, {'-', 2, 1, 12}, {'-', 2, 1, 31},
+  } kFields[] = {{0, 4, 1, 9999}, {'-', 2, 1, 12}, {'-', 2, 1, 31},
                  {'T', 2, 0, 23}, {':', 2, 0, 59}, {':', 2, 0, 59}};
   unsigned values[6] = {0, 1, 1, 0, 0, 0};
   std::size_t pos = 0;

@@ -65,15 +65,16 @@ TEST_P(PlistlibRoundTripTest, ReadsWhatPlistlibWritesAndPlistlibReadsWhatWeWrite
   EXPECT_EQ(compared.exitStatus, 0) << compared.output;
 }
 
-// plistutil keeps no integer sign (2^64-1 and -1 read alike), so integers compare modulo 2^64.
+// plistutil reads what we write and re-encodes it as binary for plistlib to compare. Its XML
+// writer garbles some strings, hence binary either way; and it keeps no integer sign (2^64-1 and
+// -1 read alike), hence integers compare modulo 2^64.
 TEST_P(PlistlibRoundTripTest, PlistutilReadsWhatWeWrite) {
-  const std::string other = GetParam() == Format::XML ? "bin" : "xml";
   for (int i = 0; i < kDocuments; ++i) {
     ReadResult r = readPropertyListFile(path(i, "plist"));
     ASSERT_TRUE(r) << r.error;
     ASSERT_TRUE(writePropertyListFile(path(i, "ours"), *r.value, GetParam()));
     auto converted = gwtest::runProgram(
-        {"plistutil", "-i", path(i, "ours"), "-o", path(i, "plistutil"), "-f", other});
+        {"plistutil", "-i", path(i, "ours"), "-o", path(i, "plistutil"), "-f", "bin"});
     ASSERT_EQ(converted.exitStatus, 0) << "document " << i;
   }
   auto compared = gwtest::runPythonScript(

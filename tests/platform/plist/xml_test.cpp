@@ -84,8 +84,9 @@ TEST(PlistXMLTest, DatesAreUTCAcrossTheWholeCalendar) {
   EXPECT_EQ(read("<date>2038-01-19T03:14:08Z</date>").date().unixTime(), 2147483648.0);
   EXPECT_EQ(read("<date>2000-02-29T12:00:00Z</date>").date().unixTime(), 951825600.0);
   EXPECT_EQ(read("<date>1970-01-02Z</date>").date().unixTime(), 86400);
-  for (const char* bad : {"2001-02-29T00:00:00Z", "2001-01-01T00:00:00", "2001-13-01T00:00:00Z",
-                          "2001-01-01T24:00:00Z", "01-01-01T00:00:00Z", "yesterday"}) {
+  for (const char* bad :
+       {"2001-02-29T00:00:00Z", "2001-01-01T00:00:00", "2001-13-01T00:00:00Z",
+        "2001-01-01T24:00:00Z", "01-01-01T00:00:00Z", "Z", "0000-01-01T00:00:00Z", "yesterday"}) {
     EXPECT_FALSE(readPropertyList(doc("<date>" + std::string(bad) + "</date>"))) << bad;
   }
 }
