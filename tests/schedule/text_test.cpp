@@ -3,6 +3,12 @@
 #include <gatewise/schedule/text.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "schedule/text/string_table.h"
+
 namespace gw {
 namespace {
 
@@ -81,6 +87,23 @@ TEST_F(DayNameTest, IndexAboveSixThrows) {
     EXPECT_EQ(e.reason(), "+[GWUtilities shortDayStringForIndex:] -- index out of bounds.");
   }
   EXPECT_THROW((void)U::singularDayStringForIndex(9), GWException);
+}
+
+TEST(StringTableTest, InstalledEnglishTableMatchesTheBuiltInOne) {
+  std::ifstream file(std::string(GATEWISE_TEST_SOURCE_DIR) +
+                     "/../resources/English.lproj/Localizable.strings");
+  ASSERT_TRUE(file.good());
+  std::stringstream bytes;
+  bytes << file.rdbuf();
+  std::string contents = bytes.str();
+  text::StringTable fromFile;
+  std::regex pair(R"re("([A-Z_0-9]+)"\s*=\s*"([^"]*)";)re");
+  for (auto it = std::sregex_iterator(contents.begin(), contents.end(), pair);
+       it != std::sregex_iterator(); ++it) {
+    fromFile[(*it)[1]] = (*it)[2];
+  }
+  EXPECT_EQ(fromFile, text::englishStrings());
+  EXPECT_EQ(fromFile.size(), 13u);
 }
 
 }  // namespace

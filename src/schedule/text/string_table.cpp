@@ -2,15 +2,10 @@
 // when the library's resources are not installed.
 #include "schedule/text/string_table.h"
 
-#include <map>
-
 namespace gw::text {
-namespace {
 
-using Table = std::map<std::string, std::string, std::less<>>;
-
-const Table& englishTable() {
-  static const Table table = {
+const StringTable& englishStrings() {
+  static const StringTable table = {
       {"TIME_MINUTE_ZERO", "0 minutes"},      {"TIME_SECOND_ZERO", "less than a second"},
       {"TIME_DAY_SINGULAR", "%d day"},        {"TIME_DAY_PLURAL", "%d days"},
       {"TIME_HOUR_SINGULAR", "%d hour"},      {"TIME_HOUR_PLURAL", "%d hours"},
@@ -22,13 +17,10 @@ const Table& englishTable() {
   return table;
 }
 
-}  // namespace
-
-const std::string& localizedString(std::string_view key) {
-  static const std::string kMissing;
-  const Table& table = englishTable();
+std::string localizedString(std::string_view key) {
+  const StringTable& table = englishStrings();
   auto found = table.find(key);
-  return found == table.end() ? kMissing : found->second;
+  return found == table.end() ? std::string() : found->second;
 }
 
 }  // namespace gw::text
