@@ -155,6 +155,7 @@ void registerScheduleCommands(CLI::App& app, Context& context) {
 
   CLI::App* curfews = app.add_subcommand("curfews", "Query and edit curfews");
   curfews->require_subcommand(1);
+  curfews->fallthrough();  // --locale may also follow the operation
   curfews->add_option("--locale", options->locale, "Locale instead of LC_ALL/LC_TIME/LANG");
   for (const char* question : {"next-curfew", "next-free", "is-curfewed"}) {
     CLI::App* command = curfews->add_subcommand(question, "Answer for a local time");
