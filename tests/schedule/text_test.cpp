@@ -3,18 +3,46 @@
 #include <gatewise/schedule/text.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <sstream>
 
 #include "schedule/text/string_table.h"
+#include "support/log_capture.h"
+#include "support/temp_root.h"
 
 namespace gw {
 namespace {
 
 namespace U = GWUtilities;
 
-TEST(DurationTextTest, PhrasesCountEachUnitWithoutRounding) {
+// Points the library's resource folder at `folder` for one test.
+class ScopedResourceFolder {
+ public:
+  explicit ScopedResourceFolder(const std::string& folder) {
+    if (const char* value = ::getenv("GATEWISE_RESOURCE_DIR")) previous_ = value;
+    ::setenv("GATEWISE_RESOURCE_DIR", folder.c_str(), 1);
+  }
+  ~ScopedResourceFolder() {
+    if (previous_.empty()) {
+      ::unsetenv("GATEWISE_RESOURCE_DIR");
+    } else {
+      ::setenv("GATEWISE_RESOURCE_DIR", previous_.c_str(), 1);
+    }
+  }
+
+ private:
+  std::string previous_;
+};
+
+class DurationTextTest : public ::testing::Test {
+ protected:
+  // The library's own resources, as installed.
+  ScopedResourceFolder resources_{std::string(GATEWISE_TEST_SOURCE_DIR) + "/../resources"};
+};
+
+TEST_F(DurationTextTest, PhrasesCountEachUnitWithoutRounding) {
   EXPECT_EQ(GWTimeDurationString(0), "0 minutes");
   EXPECT_EQ(GWTimeDurationString(0.5), "less than a second");
   EXPECT_EQ(GWTimeDurationString(7200), "2 hours");
@@ -26,7 +54,7 @@ TEST(DurationTextTest, PhrasesCountEachUnitWithoutRounding) {
   EXPECT_EQ(GWTimeDurationString(-5), "less than a second");
 }
 
-TEST(DurationTextTest, ShortFormsKeepTheirOddCorners) {
+TEST_F(DurationTextTest, ShortFormsKeepTheirOddCorners) {
   struct Case {
     std::int32_t seconds;
     const char* withSeconds;
@@ -87,6 +115,29 @@ TEST_F(DayNameTest, IndexAboveSixThrows) {
     EXPECT_EQ(e.reason(), "+[GWUtilities shortDayStringForIndex:] -- index out of bounds.");
   }
   EXPECT_THROW((void)U::singularDayStringForIndex(9), GWException);
+}
+
+TEST(StringTableTest, TheLocaleLanguageTableWinsAndMissingKeysAreEmpty) {
+  gwtest::TempRoot folder;
+  folder.writeFile("/de.lproj/Localizable.strings",
+                   "\"TIME_HOUR_SINGULAR\" = \"%d Stunde\";\n\"TIME_SECOND_SINGULAR\" = \"%d "
+                   "Sekunde\";\n\"TIME_FORMAT_2\" = \"%@ und %@\";\n");
+  ScopedResourceFolder resources(folder.path());
+  setWeekDataLocale("de_DE");
+  EXPECT_EQ(GWTimeDurationString(3601), "1 Stunde und 1 Sekunde");
+  EXPECT_EQ(GWTimeDurationString(0), "");
+  setWeekDataLocale("en_US");  // no English table in this folder: the built-in one
+  EXPECT_EQ(GWTimeDurationString(3601), "1 hour and 1 second");
+  setWeekDataLocale("");
+}
+
+TEST(StringTableTest, UnreadableTableFallsBackToBuiltInEnglish) {
+  gwtest::TempRoot folder;
+  folder.writeFile("/English.lproj/Localizable.strings", "\"TIME_FORMAT_2\" = ");
+  ScopedResourceFolder resources(folder.path());
+  gwtest::LogCapture log(0);
+  EXPECT_EQ(GWTimeDurationString(3601), "1 hour and 1 second");
+  EXPECT_TRUE(log.contains("*** Couldn't read the string table"));
 }
 
 TEST(StringTableTest, InstalledEnglishTableMatchesTheBuiltInOne) {

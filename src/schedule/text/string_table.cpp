@@ -1,8 +1,56 @@
-// The schedule texts' string table. The English table is built in, so that the phrases exist even
-// when the library's resources are not installed.
+// The schedule texts' string table: "Localizable.strings" of the library's resources, in the
+// language of the week-data locale when it has one, else English. The English table is also built
+// in, so that the phrases exist when the resources are not installed or cannot be read.
 #include "schedule/text/string_table.h"
 
+#include <gatewise/log.h>
+#include <gatewise/schedule/calendar.h>
+#include <unicode/uloc.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <type_traits>
+
+#include "platform/bundle/library_resources.h"
+#include "platform/bundle/strings_file.h"
+
+static_assert(std::is_same_v<gw::bundle::StringsTable, gw::text::StringTable>);
+
 namespace gw::text {
+namespace {
+
+std::string languageOf(const std::string& localeID) {
+  char language[ULOC_LANG_CAPACITY] = {};
+  UErrorCode status = U_ZERO_ERROR;
+  uloc_getLanguage(localeID.c_str(), language, sizeof language, &status);
+  return U_SUCCESS(status) ? std::string(language) : std::string();
+}
+
+// The table for the current locale's language; tables are read once per file.
+std::shared_ptr<const StringTable> currentTable() {
+  static std::mutex mutex;
+  static std::map<std::string, std::shared_ptr<const StringTable>> tablesByPath;
+  std::string path =
+      bundle::libraryResourcePath("Localizable", "strings", {languageOf(weekDataLocale())});
+  std::lock_guard<std::mutex> lock(mutex);
+  auto cached = tablesByPath.find(path);
+  if (cached != tablesByPath.end()) return cached->second;
+  std::shared_ptr<const StringTable> table;
+  if (!path.empty()) {
+    std::string error;
+    if (std::optional<bundle::StringsTable> read = bundle::readStringsFile(path, &error)) {
+      table = std::make_shared<const StringTable>(std::move(*read));
+    } else {
+      GW_LOG(0, "*** Couldn't read the string table %@: %@", path, error);
+    }
+  }
+  if (!table) table = std::make_shared<const StringTable>(englishStrings());
+  tablesByPath.emplace(path, table);
+  return table;
+}
+
+}  // namespace
 
 const StringTable& englishStrings() {
   static const StringTable table = {
@@ -18,9 +66,9 @@ const StringTable& englishStrings() {
 }
 
 std::string localizedString(std::string_view key) {
-  const StringTable& table = englishStrings();
-  auto found = table.find(key);
-  return found == table.end() ? std::string() : found->second;
+  std::shared_ptr<const StringTable> table = currentTable();
+  auto found = table->find(key);
+  return found == table->end() ? std::string() : found->second;
 }
 
 }  // namespace gw::text
