@@ -82,6 +82,16 @@ TEST(DateTimeAdditionsTest, MidnightOfOwnDayAndOfTomorrow) {
   EXPECT_EQ(midnightDate(tomorrow), tomorrow);
 }
 
+TEST(DateTimeAdditionsTest, DateValueIsTodayAtThatTime) {
+  gwtest::ScopedTimeZone zone("Australia/Lord_Howe");
+  time::LocalComponents today = time::localComponents(plist::Date::now());
+  plist::Date date = GWTime::initWithHour(13, 14, 15)->dateValue();
+  time::LocalComponents c = time::localComponents(date);
+  EXPECT_EQ(c.day, today.day);
+  EXPECT_EQ(c.month, today.month);
+  EXPECT_EQ(text(timeValue(date)), "13:14:15");
+}
+
 TEST(DateTimeAdditionsTest, ApproximateEqualityIsTheSingleFloatStep) {
   plist::Date step = plist::Date::fromUnixTime(1700000000.0);  // a multiple of 128
   EXPECT_TRUE(approximatelyEqualTo(step, plist::Date::fromUnixTime(1700000000.0 + 63)));
