@@ -4,11 +4,12 @@
 #include <cstring>
 
 #include "platform/fs/file_io.h"
+#include "platform/plist/binary_format.h"
 
 namespace gw::plist {
 
 ReadResult readPropertyList(std::span<const std::uint8_t> bytes, const ReadOptions& options) {
-  if (bytes.size() >= 8 && std::memcmp(bytes.data(), kBinaryMagic, 8) == 0) {
+  if (bytes.size() >= 8 && std::memcmp(bytes.data(), binary::kMagic, 8) == 0) {
     return readBinaryPropertyList(bytes, options);
   }
   return readXMLPropertyList(bytes, options);

@@ -14,8 +14,6 @@
 
 namespace gw::plist {
 
-inline constexpr char kBinaryMagic[] = "bplist00";
-
 ReadResult readXMLPropertyList(std::span<const std::uint8_t> bytes, const ReadOptions& options);
 ReadResult readBinaryPropertyList(std::span<const std::uint8_t> bytes, const ReadOptions& options);
 

@@ -1,5 +1,8 @@
 // XML property-list writer: the standard document form, one element per line, tab indentation.
 //
+// The document type names no external DTD: readers never fetch one, and the document stays
+// self-contained.
+//
 // Strings escape "&", "<" and ">", and a carriage return as "&#13;" so that XML's line-end
 // normalisation cannot turn it into a line feed on reading. Control characters that XML 1.0 cannot
 // carry at all are written through unchanged, as other writers do; such strings only survive the
@@ -12,8 +15,7 @@ namespace {
 
 constexpr std::string_view kHeader =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-    "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+    "<!DOCTYPE plist>\n"
     "<plist version=\"1.0\">\n";
 constexpr std::string_view kFooter = "</plist>\n";
 

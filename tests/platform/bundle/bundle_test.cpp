@@ -9,7 +9,7 @@ namespace gw::bundle {
 namespace {
 
 const char* kInfoPlist = R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<!DOCTYPE plist>
 <plist version="1.0">
 <dict>
   <key>CFBundleIdentifier</key><string>org.example.clock</string>
