@@ -155,6 +155,9 @@ GW_EXPORT void mig_put_reply_port(mach_port_t reply_port);
 // Destroys the thread's reply port when reply_port is it.
 GW_EXPORT void mig_dealloc_reply_port(mach_port_t reply_port);
 
+// Releases what a received message holds: its out-of-line regions and port descriptors.
+GW_EXPORT void mach_msg_destroy(mach_msg_header_t* msg);
+
 // Releases an out-of-line region received from mach_msg() or a routine stub. address 0 is a no-op.
 GW_EXPORT kern_return_t vm_deallocate(vm_map_t task, vm_address_t address, vm_size_t size);
 

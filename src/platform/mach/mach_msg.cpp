@@ -1,6 +1,7 @@
 // mach_msg over AF_UNIX stream connections: one connection per exchange (see frame.h).
 #include <fcntl.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -186,4 +187,20 @@ extern "C" mach_msg_return_t mach_msg(mach_msg_header_t* msg, mach_msg_option_t 
   Deadline receiveDeadline =
       (option & MACH_RCV_TIMEOUT) ? Deadline::afterMilliseconds(timeout) : Deadline::never();
   return receiveReply(connection.get(), msg, rcv_size, rcv_name, receiveDeadline);
+}
+
+extern "C" void mach_msg_destroy(mach_msg_header_t* msg) {
+  if (!msg) return;
+  auto* bytes = reinterpret_cast<std::uint8_t*>(msg);
+  auto descriptors = readDescriptors({bytes, msg->msgh_size});
+  if (!descriptors) return;
+  for (const Descriptor& d : *descriptors) {
+    if (d.type == MACH_MSG_PORT_DESCRIPTOR) {
+      ::close(int(d.name));
+      store32(bytes + d.offset, 0);
+    } else {
+      std::free(reinterpret_cast<void*>(std::uintptr_t(d.address)));
+      store64(bytes + d.offset, 0);
+    }
+  }
 }
