@@ -115,7 +115,10 @@ struct MessageServer::Loop {
     ::epoll_ctl(server.epoll_.get(), op, c.fd.get(), &ev);
   }
 
-  void close(int fd) { connections.erase(fd); }  // the fd leaves epoll as it closes
+  void close(int fd) {  // the fd leaves epoll as it closes
+    connections.erase(fd);
+    server.open_ = connections.size();
+  }
 
   void accept() {
     for (;;) {
@@ -132,6 +135,7 @@ struct MessageServer::Loop {
       c.fd = std::move(owned);
       c.due = Clock::now() + kIdleTimeout;
       auto [it, inserted] = connections.emplace(fd, std::move(c));
+      server.open_ = connections.size();
       watch(it->second, EPOLLIN, EPOLL_CTL_ADD);
     }
   }

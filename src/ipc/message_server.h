@@ -35,6 +35,8 @@ class MessageServer {
   void run();
   void stop();
   const std::string& path() const { return path_; }
+  // Connections open right now (any thread; for tests and statistics).
+  std::size_t openConnections() const { return open_.load(); }
 
  private:
   MessageServer(std::string path, const Dispatcher& dispatcher, mach::UniqueFd listener,
@@ -45,6 +47,7 @@ class MessageServer {
   const Dispatcher& dispatcher_;
   mach::UniqueFd listener_, epoll_, wake_;
   std::atomic<bool> stopping_{false};
+  std::atomic<std::size_t> open_{0};
 };
 
 // "<bootstrap folder>/<service name>" for the dispatcher's service.

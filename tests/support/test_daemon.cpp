@@ -28,7 +28,7 @@ std::vector<std::uint8_t> tamperedReply(const gw::ipc::Routine& routine,
       }
       break;
     case Misbehaviour::ComplexBit:
-      gw::mach::store32(p, gw::mach::load32(p) | MACH_MSGH_BITS_COMPLEX);
+      gw::mach::store32(p, gw::mach::load32(p) ^ MACH_MSGH_BITS_COMPLEX);
       break;
     case Misbehaviour::SwappedNdr: {
       bool data = routine.reply == ReplyShape::Data && size == 56;
@@ -142,6 +142,15 @@ gw::ipc::Reply TestDaemon::respond(const gw::ipc::Request& request) {
                         script.how);
   }
   return reply;
+}
+
+bool TestDaemon::waitUntilIdle(std::chrono::milliseconds limit) const {
+  auto until = std::chrono::steady_clock::now() + limit;
+  while (server_->openConnections() != 0) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
 }
 
 std::vector<ReceivedRequest> TestDaemon::received() const {

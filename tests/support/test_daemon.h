@@ -30,7 +30,7 @@ enum class Misbehaviour {
   CloseWithoutReply,  // close the connection (after the delay) without a word
   WrongId,            // reply id + 1
   WrongSize,          // a reply 4 bytes short
-  ComplexBit,         // a plain reply with the complex bit set
+  ComplexBit,         // the complex bit flipped
   SwappedNdr,         // big-endian NDR record, every scalar byte-swapped
 };
 
@@ -68,6 +68,8 @@ class TestDaemon {
   // Waits (bounded) until at least n requests were received.
   bool waitForRequests(std::size_t n, std::chrono::milliseconds limit = std::chrono::seconds(5));
   const std::string& socketPath() const { return server_->path(); }
+  // Waits (bounded) until the daemon has closed every connection; false if it has not.
+  bool waitUntilIdle(std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
 
  private:
   struct Script {
