@@ -21,13 +21,12 @@ const Routine& routine(std::string_view name) {
 }
 
 kern_return_t callRoutine(const Routine& routine, mach_port_t server, mach_msg_timeout_t timeout,
-                          std::initializer_list<Argument> arguments, const OutPointers& out) {
+                          std::span<const Argument> arguments, const OutPointers& out) {
   MessageBuffer buffer;
   std::uint32_t size = 0;
   const bool twoWay = routine.kind == RoutineKind::TwoWay;
   mach_port_t replyPort = twoWay ? mig_get_reply_port() : 0;
-  kern_return_t status = encodeRequest(routine, {arguments.begin(), arguments.size()}, server,
-                                       replyPort, buffer, &size);
+  kern_return_t status = encodeRequest(routine, arguments, server, replyPort, buffer, &size);
   if (status != KERN_SUCCESS) return status;
 
   if (!twoWay) {

@@ -14,17 +14,14 @@
 
 namespace gw::ipc {
 
-// Where a reply's out fields go: one pointer per Plain scalar, or the region and its size.
-struct OutPointers {
-  std::int32_t* scalars[4] = {};
-  vm_offset_t* data = nullptr;
-  mach_msg_type_number_t* dataCount = nullptr;
-};
-
-// Returns 0, a transport status, a MIG status or the daemon's return code. Out fields are stored
-// only on success; a received region then belongs to the caller (vm_deallocate).
-kern_return_t callRoutine(const Routine& routine, mach_port_t server, mach_msg_timeout_t timeout,
-                          std::initializer_list<Argument> arguments, const OutPointers& out = {});
+// The stubs' form of callRoutine (include/gatewise/ipc_catalogue.h).
+inline kern_return_t callRoutine(const Routine& routine, mach_port_t server,
+                                 mach_msg_timeout_t timeout,
+                                 std::initializer_list<Argument> arguments,
+                                 const OutPointers& out = {}) {
+  return callRoutine(routine, server, timeout,
+                     std::span<const Argument>(arguments.begin(), arguments.size()), out);
+}
 
 // The catalogue entry behind a stub; defined next to the stubs.
 const Routine& routine(std::string_view name);

@@ -25,13 +25,6 @@ inline constexpr std::uint8_t kNdrRecord[8] = {0, 0, 0, 0, 1, 0, 0, 0};
 inline constexpr std::size_t kNdrIntRepOffset = 4;
 inline constexpr std::uint32_t kErrorReplySize = 36;
 
-// One request argument: integer for Int32, Int64 and Port fields; bytes and length otherwise.
-struct Argument {
-  std::int64_t integer = 0;
-  const void* bytes = nullptr;
-  std::uint32_t length = 0;
-};
-
 // A request being built in a buffer large enough for any routine, reused for its reply.
 struct alignas(8) MessageBuffer {
   union {
