@@ -61,4 +61,12 @@ std::optional<std::vector<Descriptor>> readDescriptors(std::span<const std::uint
 std::optional<std::vector<Descriptor>> checkFrame(std::span<const std::uint8_t> body,
                                                   std::size_t portFds);
 
+// Moves a received frame body into msg (at most rcv_size bytes of message), giving each
+// out-of-line region its own allocation (released with vm_deallocate) and each port descriptor
+// the descriptor that came with it (taken from fds). MACH_RCV_INVALID_DATA for a malformed frame,
+// MACH_RCV_TOO_LARGE when the message does not fit; nothing is allocated then.
+class UniqueFd;
+mach_msg_return_t deliverFrame(std::span<const std::uint8_t> body, std::vector<UniqueFd>& fds,
+                               mach_msg_header_t* msg, mach_msg_size_t rcv_size);
+
 }  // namespace gw::mach

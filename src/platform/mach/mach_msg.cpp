@@ -49,10 +49,54 @@ mach_msg_return_t sendStatus(IoStatus status) {
   return MACH_SEND_INVALID_DEST;
 }
 
+mach_msg_return_t receiveReply(int fd, mach_msg_header_t* msg, mach_msg_size_t rcv_size,
+                               mach_port_t rcv_name, Deadline deadline) {
+  std::vector<UniqueFd> fds;
+  std::uint8_t small[4 + kSmallReply];
+  // The first read takes the length and, usually, the whole reply.
+  std::size_t have = 0;
+  while (have < 4) {
+    std::size_t got = 0;
+    IoStatus status = receiveAvailable(fd, small + have, sizeof small - have, &got, &fds);
+    if (status == IoStatus::Closed) return deliverServerDiedNotification(msg, rcv_size, rcv_name);
+    if (status != IoStatus::Ok) return MACH_RCV_PORT_DIED;
+    if (got == 0) {
+      pollfd p{fd, POLLIN, 0};
+      int n = ::poll(&p, 1, deadline.pollTimeout());
+      if (n == 0) return MACH_RCV_TIMED_OUT;
+      continue;  // readable, interrupted or failed: the next read tells
+    }
+    have += got;
+  }
+  std::uint32_t length = std::uint32_t(small[0]) | std::uint32_t(small[1]) << 8 |
+                         std::uint32_t(small[2]) << 16 | std::uint32_t(small[3]) << 24;
+  if (length < kHeaderSize) return MACH_RCV_INVALID_DATA;
+  if (length > std::uint64_t(rcv_size) + kMaxRegionBytes) return MACH_RCV_TOO_LARGE;
+  std::size_t inSmall = have - 4;
+  if (inSmall > length) return MACH_RCV_INVALID_DATA;  // bytes after the only frame
+  if (inSmall == length) {
+    return deliverFrame(std::span<const std::uint8_t>(small + 4, length), fds, msg, rcv_size);
+  }
+  std::vector<std::uint8_t> body;
+  try {
+    body.resize(length);
+  } catch (const std::bad_alloc&) {
+    return kReceiveBodyError;
+  }
+  std::memcpy(body.data(), small + 4, inSmall);
+  IoStatus status = receiveExactly(fd, body.data() + inSmall, length - inSmall, deadline, &fds);
+  if (status == IoStatus::Closed) return deliverServerDiedNotification(msg, rcv_size, rcv_name);
+  if (status == IoStatus::TimedOut) return MACH_RCV_TIMED_OUT;
+  if (status != IoStatus::Ok) return MACH_RCV_PORT_DIED;
+  return deliverFrame(body, fds, msg, rcv_size);
+}
+
+}  // namespace
+
 // Moves a received frame body into the caller's buffer, giving each out-of-line region its own
 // allocation and each port descriptor the descriptor that came with it.
-mach_msg_return_t deliver(std::span<const std::uint8_t> body, std::vector<UniqueFd>& fds,
-                          mach_msg_header_t* msg, mach_msg_size_t rcv_size) {
+mach_msg_return_t deliverFrame(std::span<const std::uint8_t> body, std::vector<UniqueFd>& fds,
+                               mach_msg_header_t* msg, mach_msg_size_t rcv_size) {
   auto descriptors = checkFrame(body, fds.size());
   if (!descriptors) return MACH_RCV_INVALID_DATA;
   std::uint32_t messageSize = load32(body.data() + 4);
@@ -82,49 +126,6 @@ mach_msg_return_t deliver(std::span<const std::uint8_t> body, std::vector<Unique
   return MACH_MSG_SUCCESS;
 }
 
-mach_msg_return_t receiveReply(int fd, mach_msg_header_t* msg, mach_msg_size_t rcv_size,
-                               mach_port_t rcv_name, Deadline deadline) {
-  std::vector<UniqueFd> fds;
-  std::uint8_t small[4 + kSmallReply];
-  // The first read takes the length and, usually, the whole reply.
-  std::size_t have = 0;
-  while (have < 4) {
-    std::size_t got = 0;
-    IoStatus status = receiveAvailable(fd, small + have, sizeof small - have, &got, &fds);
-    if (status == IoStatus::Closed) return deliverServerDiedNotification(msg, rcv_size, rcv_name);
-    if (status != IoStatus::Ok) return MACH_RCV_PORT_DIED;
-    if (got == 0) {
-      pollfd p{fd, POLLIN, 0};
-      int n = ::poll(&p, 1, deadline.pollTimeout());
-      if (n == 0) return MACH_RCV_TIMED_OUT;
-      continue;  // readable, interrupted or failed: the next read tells
-    }
-    have += got;
-  }
-  std::uint32_t length = std::uint32_t(small[0]) | std::uint32_t(small[1]) << 8 |
-                         std::uint32_t(small[2]) << 16 | std::uint32_t(small[3]) << 24;
-  if (length < kHeaderSize) return MACH_RCV_INVALID_DATA;
-  if (length > std::uint64_t(rcv_size) + kMaxRegionBytes) return MACH_RCV_TOO_LARGE;
-  std::size_t inSmall = have - 4;
-  if (inSmall > length) return MACH_RCV_INVALID_DATA;  // bytes after the only frame
-  if (inSmall == length) {
-    return deliver(std::span<const std::uint8_t>(small + 4, length), fds, msg, rcv_size);
-  }
-  std::vector<std::uint8_t> body;
-  try {
-    body.resize(length);
-  } catch (const std::bad_alloc&) {
-    return kReceiveBodyError;
-  }
-  std::memcpy(body.data(), small + 4, inSmall);
-  IoStatus status = receiveExactly(fd, body.data() + inSmall, length - inSmall, deadline, &fds);
-  if (status == IoStatus::Closed) return deliverServerDiedNotification(msg, rcv_size, rcv_name);
-  if (status == IoStatus::TimedOut) return MACH_RCV_TIMED_OUT;
-  if (status != IoStatus::Ok) return MACH_RCV_PORT_DIED;
-  return deliver(body, fds, msg, rcv_size);
-}
-
-}  // namespace
 }  // namespace gw::mach
 
 using namespace gw::mach;
