@@ -1,8 +1,10 @@
 // The client's reply path: a reply frame body as the transport receives it, delivered into the
 // stub's buffer and checked as the stub of the chosen routine checks it. Regions that come with
 // it are released on every path, as callRoutine does.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "ipc/message_codec.h"
@@ -16,6 +18,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const gw::ipc::Routine& routine = routines[data[0] % routines.size()];
   if (routine.reply == gw::ipc::ReplyShape::None) return 0;
   std::vector<std::uint8_t> body(data + 1, data + size);
+  // Odd selector bytes get the right reply id and a consistent size, to reach the shape checks.
+  if (data[0] & 0x80 && body.size() >= 24) {
+    std::int32_t id = routine.id + 100;
+    std::uint32_t messageSize = std::min<std::uint32_t>(std::uint32_t(body.size()) & ~3u, 64);
+    std::memcpy(body.data() + 4, &messageSize, 4);
+    std::memcpy(body.data() + 20, &id, 4);
+  }
   std::vector<gw::mach::UniqueFd> fds;
   gw::ipc::MessageBuffer buffer;
   if (gw::mach::deliverFrame(body, fds, &buffer.header, routine.receiveLimit) != MACH_MSG_SUCCESS) {

@@ -2,6 +2,8 @@
 // the daemon (first byte even) or of the web filter (odd). The handler reads every decoded field.
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <vector>
 
 #include "ipc/dispatcher.h"
 
@@ -33,11 +35,22 @@ gw::ipc::Dispatcher& dispatcherFor(gw::ipc::Service service) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size < 1) return 0;
+  if (size < 2) return 0;
   auto service = data[0] % 2 == 0 ? gw::ipc::Service::Daemon : gw::ipc::Service::WebFilter;
+  // Most inputs get a plausible header (a real id, the true size) so that the decoder's deeper
+  // checks are reached; inputs whose second byte is 0 keep their header as it is.
+  std::vector<std::uint8_t> body(data + 2, data + size);
+  if (data[1] != 0 && body.size() >= 24) {
+    auto routines = gw::ipc::allRoutines();
+    const gw::ipc::Routine& r = routines[data[1] % routines.size()];
+    std::int32_t id = r.id;
+    std::uint32_t messageSize = std::uint32_t(body.size()) & ~3u;
+    std::memcpy(body.data() + 4, &messageSize, 4);
+    std::memcpy(body.data() + 20, &id, 4);
+  }
   // Port descriptors come with descriptors; hand over as many placeholders as the frame asks for.
   static const int kFds[4] = {-1, -1, -1, -1};
   int fdCount = (data[0] >> 1) % 5;
-  dispatcherFor(service).dispatch({data + 1, size - 1}, {kFds, std::size_t(fdCount)}, {});
+  dispatcherFor(service).dispatch(body, {kFds, std::size_t(fdCount)}, {});
   return 0;
 }
