@@ -258,8 +258,9 @@ std::optional<std::vector<FieldValue>> decodeRequest(const Routine& routine,
 std::vector<std::uint8_t> encodeErrorReply(const mach_msg_header_t& request,
                                            std::int32_t returnCode) {
   std::vector<std::uint8_t> out(kErrorReplySize);
+  // Any id may come in (an unknown one is answered too): wrap instead of overflowing.
   writeHeader(out.data(), kReplyBits, kErrorReplySize, request.msgh_local_port, 0,
-              request.msgh_id + kReplyIdOffset);
+              std::int32_t(std::uint32_t(request.msgh_id) + kReplyIdOffset));
   std::memcpy(out.data() + 24, kNdrRecord, 8);
   store32(out.data() + 32, std::uint32_t(returnCode));
   return out;

@@ -86,6 +86,7 @@ TEST_F(ServerTest, MalformedRequestsAreRefusedOrDropped) {
     std::int32_t code;  // 0: closed without an answer
   } cases[] = {
       {"unknown id", request(0x1513, 5099, 0x99, {kNdr0, kNdr1, 1}), -303},
+      {"largest id", request(0x1513, 0x7fffffff, 0x99, {kNdr0, kNdr1, 1}), -303},
       {"short two-way", request(0x1513, 5016, 0x99, {kNdr0, kNdr1}), -304},
       {"long two-way", request(0x1513, 5016, 0x99, {kNdr0, kNdr1, 1, 2}), -304},
       {"complex bit on a simple request", request(0x80001513, 5016, 0x99, {0, kNdr1, 1}), -304},
