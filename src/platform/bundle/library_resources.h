@@ -2,7 +2,8 @@
 //
 // The folder is $GATEWISE_RESOURCE_DIR when set (tests, uninstalled builds), else the "gatewise"
 // folder of the data directory beside the installed library (found from the library's own file
-// location), else the data directory fixed at build time. Inside it, "<Language>.lproj/<name>.strings".
+// location), else the data directory fixed at build time. Inside it,
+// "<Language>.lproj/<name>.strings".
 #pragma once
 
 #include <string>

@@ -1,0 +1,89 @@
+// UUIDString and the GWExtras helpers: URL bundle information and index sets.
+#include <gatewise/core.h>
+#include <sys/random.h>
+
+#include <cstdio>
+
+#include "platform/bundle/bundle.h"
+
+namespace {
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// "file:///a%20b/C.app/" -> "/a b/C.app"; a plain path comes back as it is.
+std::string pathOfURL(std::string_view url) {
+  if (!url.starts_with("file://")) return std::string(url);
+  url.remove_prefix(7);
+  if (url.starts_with("localhost/")) url.remove_prefix(9);
+  std::string path;
+  for (std::size_t i = 0; i < url.size(); ++i) {
+    if (url[i] == '%' && i + 2 < url.size() && hexDigit(url[i + 1]) >= 0 &&
+        hexDigit(url[i + 2]) >= 0) {
+      path += char(hexDigit(url[i + 1]) * 16 + hexDigit(url[i + 2]));
+      i += 2;
+    } else {
+      path += url[i];
+    }
+  }
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+}  // namespace
+
+std::string UUIDString() {
+  unsigned char bytes[16];
+  std::size_t have = 0;
+  while (have < sizeof bytes) {
+    ssize_t n = ::getrandom(bytes + have, sizeof bytes - have, 0);
+    if (n > 0) have += std::size_t(n);
+  }
+  bytes[6] = (bytes[6] & 0x0F) | 0x40;  // version 4: random
+  bytes[8] = (bytes[8] & 0x3F) | 0x80;  // RFC 4122 variant
+  char text[37];
+  std::snprintf(text, sizeof text,
+                "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", bytes[0],
+                bytes[1], bytes[2], bytes[3], bytes[4], bytes[5], bytes[6], bytes[7], bytes[8],
+                bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14], bytes[15]);
+  return text;
+}
+
+std::optional<std::string> GWURLBundleID(std::string_view url) {
+  gw::plist::DictionaryRef info = gw::bundle::copyInfoDictionaryForPath(pathOfURL(url));
+  if (!info) return std::nullopt;
+  const gw::plist::Value* identifier = info->find("CFBundleIdentifier");
+  if (!identifier || !identifier->isString()) return std::nullopt;
+  return identifier->string();
+}
+
+std::string GWURLBundleName(std::string_view url) {
+  std::string path = pathOfURL(url);
+  if (gw::plist::DictionaryRef info = gw::bundle::copyInfoDictionaryForPath(path)) {
+    const gw::plist::Value* name = info->find("CFBundleName");
+    if (name && name->isString()) return name->string();
+  }
+  std::string last = path.substr(path.rfind('/') + 1);
+  std::size_t dot = last.rfind('.');
+  return dot == std::string::npos || dot == 0 ? last : last.substr(0, dot);
+}
+
+std::set<std::uint64_t> GWIndexSetWithArray(const gw::plist::ArrayRef& array) {
+  std::set<std::uint64_t> indexes;
+  if (!array) return indexes;
+  for (const gw::plist::Value& element : *array) {
+    std::int64_t value = element.intValue();
+    if (value >= 0) indexes.insert(std::uint64_t(value));
+  }
+  return indexes;
+}
+
+gw::plist::ArrayRef GWIndexSetAllObjects(const std::set<std::uint64_t>& indexes) {
+  auto numbers = gw::plist::Array::make();
+  for (std::uint64_t index : indexes) numbers->append(index);
+  return numbers;
+}

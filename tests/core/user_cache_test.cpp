@@ -1,0 +1,75 @@
+#include <gatewise/core.h>
+#include <gatewise/notifications.h>
+#include <gatewise/runloop.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "support/bus_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+gw::plist::DictionaryRef cachedUnderLock(uid_t uid) {
+  std::lock_guard lock(gGWALRLock);
+  return CachedUserDictionaryForUID(uid);
+}
+
+TEST(UserCacheTest, ChangeNotificationDropsTheCacheAndTheNextCallRebuildsIt) {
+  gwtest::sharedPrivateBus();  // before the first call registers the observer
+  gw::plist::DictionaryRef first = cachedUnderLock(501);
+  first->set("userName", "bob");
+  EXPECT_EQ(cachedUnderLock(501), first);
+  EXPECT_NE(cachedUnderLock(502), first);
+
+  // Delivered by the run loop: a witness on the same name fires in the same dispatch.
+  bool witnessed = false;
+  auto witness =
+      gw::notify::addObserver(kGWManagementStatusChangedNotification, "",
+                              [&](const gw::notify::Notification&) { witnessed = true; });
+  ASSERT_TRUE(witness);
+  ASSERT_TRUE(gw::notify::postNotification(kGWManagementStatusChangedNotification, "any"));
+  auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (!witnessed && std::chrono::steady_clock::now() < deadline) {
+    gw::runloop::runRunLoopOnce(100ms);
+  }
+  ASSERT_TRUE(witnessed);
+  gw::notify::removeObserver(*witness);
+  gw::plist::DictionaryRef rebuilt = cachedUnderLock(501);
+  EXPECT_NE(rebuilt, first);
+  EXPECT_TRUE(rebuilt->empty());
+  EXPECT_EQ(cachedUnderLock(501), rebuilt);
+
+  // Without anyone running the loop: the cache call drains the arrived notification itself,
+  // under the lock its caller holds, without deadlocking on it.
+  ASSERT_TRUE(gw::notify::postNotification(kGWManagementStatusChangedNotification, "any"));
+  bool dropped = false;
+  deadline = std::chrono::steady_clock::now() + 10s;
+  while (!dropped && std::chrono::steady_clock::now() < deadline) {
+    dropped = cachedUnderLock(501) != rebuilt;
+    if (!dropped) std::this_thread::sleep_for(5ms);  // waiting for the bus to forward it
+  }
+  EXPECT_TRUE(dropped);
+}
+
+TEST(UserCacheTest, SpinLockKnowsItsHolder) {
+  gw::SpinLock lock;
+  EXPECT_FALSE(lock.heldByCurrentThread());
+  lock.lock();
+  EXPECT_TRUE(lock.heldByCurrentThread());
+  bool otherSees = true, otherGot = true;
+  std::thread([&] {
+    otherSees = lock.heldByCurrentThread();
+    otherGot = lock.try_lock();
+  }).join();
+  EXPECT_FALSE(otherSees);
+  EXPECT_FALSE(otherGot);
+  lock.unlock();
+  EXPECT_TRUE(lock.try_lock());
+  lock.unlock();
+}
+
+}  // namespace
