@@ -145,6 +145,19 @@ TEST_F(FailureTest, ReceiveTimeOutReplacesTheReplyPortAndTheLateReplyIsNeverSeen
   EXPECT_EQ(mig_get_reply_port(), replyPort);
 }
 
+TEST_F(FailureTest, DaemonRestartedBetweenLookUpAndSendIsReachedAgain) {
+  mach_port_t port = 0;
+  {
+    TestDaemon first;
+    port = daemonPort();  // its connection now leads to a daemon that goes away
+  }
+  TestDaemon second;
+  second.answer("_GWMIGUserCanLogin", {0, 7});
+  std::int32_t seconds = -1, reason = -1;
+  EXPECT_EQ(_GWMIGUserCanLogin(port, 5000, 501, &seconds, &reason), KERN_SUCCESS);
+  EXPECT_EQ(reason, 7);
+}
+
 TEST_F(FailureTest, ManyThreadsEachGetTheirOwnReply) {
   TestDaemon daemon;
   daemon.answerWith("_GWMIGUserCanLogin", [](const gw::ipc::Request& r) {

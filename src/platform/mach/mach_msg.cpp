@@ -174,11 +174,20 @@ extern "C" mach_msg_return_t mach_msg(mach_msg_header_t* msg, mach_msg_option_t 
   Deadline sendDeadline =
       (option & MACH_SEND_TIMEOUT) ? Deadline::afterMilliseconds(timeout) : Deadline::never();
   UniqueFd connection = takeLookUpConnection(msg->msgh_remote_port);
+  const bool fromLookUp = bool(connection);
   if (!connection) {
     IoStatus status = connectUnix(path, sendDeadline, &connection);
     if (status != IoStatus::Ok) return sendStatus(status);
   }
   IoStatus sent = sendAll(connection.get(), iov, fds, sendDeadline);
+  // A look-up connection left unused for long may have been closed by the server as idle before
+  // anything was written on it: that is no answer from the service, so connect once more.
+  if (sent == IoStatus::Closed && fromLookUp) {
+    connection.reset();
+    IoStatus status = connectUnix(path, sendDeadline, &connection);
+    if (status != IoStatus::Ok) return sendStatus(status);
+    sent = sendAll(connection.get(), iov, fds, sendDeadline);
+  }
   if (sent == IoStatus::Closed && twoWay) {
     return deliverServerDiedNotification(msg, rcv_size, rcv_name);
   }
