@@ -107,7 +107,10 @@ TEST_F(CliTest, IpcCallTakesFieldsInArgumentOrderAndPrintsOutFields) {
   std::ifstream in(out);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "arc");
 
+  std::size_t before = daemon.received().size();
   EXPECT_EQ(gatewise("ipc call _GWMIGRegisterUserAgent 3 -").out, "status=0\n");
+  // One-way: the CLI may exit before the daemon has read the message.
+  ASSERT_TRUE(daemon.waitForRequests(before + 1));
   EXPECT_EQ(daemon.received().back().routine, "_GWMIGRegisterUserAgent");
 
   daemon.answerError("_GWMIGHasAppLaunchRestrictions", -7);

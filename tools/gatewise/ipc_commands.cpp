@@ -1,4 +1,5 @@
 // Daemon commands: can-login, daemon-status, managed-users-exist, fcd ..., ipc call.
+#include <gatewise/core.h>
 #include <gatewise/ipc.h>
 #include <gatewise/ipc_catalogue.h>
 #include <gatewise/login.h>
@@ -28,16 +29,12 @@ std::optional<std::int64_t> parseInteger(const std::string& text) {
   return value;
 }
 
-// A decimal uid, or a user name looked up in the password database.
+// A decimal uid, or a user name looked up through the accounts layer.
 std::optional<uid_t> resolveUser(const std::string& user) {
   if (auto n = parseInteger(user); n && *n >= 0 && *n <= 0xfffffffe) return uid_t(*n);
-  std::vector<char> buffer(16384);
-  passwd entry{};
-  passwd* found = nullptr;
-  if (::getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found) {
-    return std::nullopt;
-  }
-  return found->pw_uid;
+  std::uint32_t uid = UIDForShortName(user);
+  if (uid == 0xFFFFFFFFu) return std::nullopt;
+  return uid_t(uid);
 }
 
 // ISO 8601 in local time with the offset written as +hh:mm.
