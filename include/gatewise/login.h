@@ -1,0 +1,30 @@
+// The login gate: may a managed user log in now?
+//
+// GWUserCanLogin asks the daemon (looked up afresh on every call) with a 5000 ms time-out. Login is
+// never blocked because the daemon is absent or failing: the answer is then YES with reason 4.
+// GWExistsManagedUsers tells whether "<root>/Library/Managed Preferences" exists as a folder.
+// GWRegisterUserAgentPort is obsolete and only logs. No state, no locks: any thread.
+#pragma once
+
+#include <gatewise/export.h>
+#include <gatewise/mach.h>
+#include <gatewise/plist.h>
+#include <sys/types.h>
+
+#include <cstdint>
+
+// Reason stored when the daemon could not be asked (the user is let in).
+inline constexpr std::int32_t kGWLoginReasonDaemonUnavailable = 4;
+
+// YES when the daemon answers reason 0, or when it cannot be asked (reason 4); NO otherwise.
+// *reason is always written. *date (which must be valid) is written only when the daemon returned
+// a positive number of seconds: the moment that many seconds from now. Daemon reasons other than
+// 0 and 4 are passed through unchanged.
+GW_EXPORT bool GWUserCanLogin(uid_t uid, std::int32_t* reason, gw::plist::Date* date);
+
+// YES when "/Library/Managed Preferences" (below the system root) is a directory, even an empty
+// one; NO when it is missing or not a directory.
+GW_EXPORT bool GWExistsManagedUsers();
+
+// Obsolete: logs that it is no longer needed and sends nothing.
+GW_EXPORT void GWRegisterUserAgentPort(mach_port_t agentPort = 0);
