@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "support/codec_probe.h"
 #include "support/log_capture.h"
 #include "support/temp_root.h"
 
@@ -50,7 +49,6 @@ TEST_F(LogTest, AbsentPreferenceMeansZeroAndIsNotReadAgain) {
 }
 
 TEST_F(LogTest, ThresholdIsReadOnceUntilMinusOneIsStoredAgain) {
-  GWTEST_SKIP_WITHOUT_CODEC(plist::Format::XML);
   setPreference("<integer>2</integer>");
   gwtest::LogCapture log(-1);
   logLevels0To3();
@@ -69,7 +67,6 @@ TEST_F(LogTest, ThresholdIsReadOnceUntilMinusOneIsStoredAgain) {
 }
 
 TEST_F(LogTest, PreferenceMayBeAStringOfDigits) {
-  GWTEST_SKIP_WITHOUT_CODEC(plist::Format::XML);
   setPreference("<string>2</string>");
   gwtest::LogCapture log(-1);
   logLevels0To3();
@@ -77,7 +74,6 @@ TEST_F(LogTest, PreferenceMayBeAStringOfDigits) {
 }
 
 TEST_F(LogTest, StoredMinusOneIsReadAgainOnTheNextCall) {
-  GWTEST_SKIP_WITHOUT_CODEC(plist::Format::XML);
   setPreference("<integer>-1</integer>");
   gwtest::LogCapture log(-1);
   GW_LOG(0, "silenced");

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "support/cli_runner.h"
-#include "support/codec_probe.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -28,7 +27,6 @@ TEST(CliLogTest, WritesOneLineAsItIsAtOrBelowTheThreshold) {
 }
 
 TEST(CliLogTest, ThresholdComesFromThePreferenceBelowTheRoot) {
-  GWTEST_SKIP_WITHOUT_CODEC(gw::plist::Format::XML);
   gwtest::TempRoot root;
   root.writeFile("/Library/Preferences/com.morvane.Gatewise.plist",
                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n"

@@ -9,7 +9,6 @@
 #include "platform/fs/file_info.h"
 #include "platform/fs/file_io.h"
 #include "support/cli_runner.h"
-#include "support/codec_probe.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -51,8 +50,6 @@ class CliPlistTest : public ::testing::Test {
 };
 
 #define SKIP_WITHOUT_BOTH_CODECS()                   \
-  GWTEST_SKIP_WITHOUT_CODEC(gw::plist::Format::XML); \
-  GWTEST_SKIP_WITHOUT_CODEC(gw::plist::Format::Binary)
 
 TEST_F(CliPlistTest, ConvertsBothWaysAndPlistlibReadsWhatItWrites) {
   SKIP_WITHOUT_BOTH_CODECS();
@@ -87,7 +84,6 @@ TEST_F(CliPlistTest, DashMeansStandardInputAndOutput) {
 }
 
 TEST_F(CliPlistTest, PrintWritesTheRootValuesDescription) {
-  GWTEST_SKIP_WITHOUT_CODEC(gw::plist::Format::XML);
   std::string xml = root_.at("/in.plist");
   ASSERT_EQ(plistlib("xml", xml), 0);
   CliResult r = runCli({"plist", "print", xml});
@@ -99,7 +95,6 @@ TEST_F(CliPlistTest, PrintWritesTheRootValuesDescription) {
 }
 
 TEST_F(CliPlistTest, WriteFailureLeavesNoFileBehind) {
-  GWTEST_SKIP_WITHOUT_CODEC(gw::plist::Format::XML);
   std::string xml = root_.at("/in.plist");
   ASSERT_EQ(plistlib("xml", xml), 0);
   CliResult r = runCli({"plist", "convert", "--format", "xml", xml, root_.at("/no/out")});
