@@ -1,6 +1,6 @@
 // The object format string formatter: walks the format once, hands each numeric conversion to
-// snprintf with a conversion spec rebuilt for the argument's real type, and prints "%@" and
-// strings itself. snprintf only ever sees a spec it was built for, so no argument can be misread.
+// snprintf with a printf conversion rebuilt for the argument's real type, and prints "%@" and
+// strings itself. snprintf only ever sees a conv it was built for, so no argument can be misread.
 #include <gatewise/format.h>
 
 #include <algorithm>
@@ -25,13 +25,13 @@ namespace {
 
 constexpr int kMaxWidth = 4096;  // a bound on padding, so "%*d" cannot ask for gigabytes
 
-struct Spec {
+struct Conversion {
   char flags[8] = {};
   int flagCount = 0;
   int width = -1;
   int precision = -1;
   int narrowTo = 0;  // bytes asked by "h" (2) or "hh" (1); 0 when the argument's width stands
-  char conversion = 0;
+  char letter = 0;   // the conversion character: d, x, s, @...
 
   bool has(char flag) const { return std::memchr(flags, flag, std::size_t(flagCount)) != nullptr; }
   void add(char flag) {
@@ -46,17 +46,17 @@ int clampWidth(std::int64_t n) { return int(std::clamp<std::int64_t>(n, -kMaxWid
 
 // snprintf into out for one conversion whose argument type is known to match.
 template <class T>
-void appendPrintf(std::string& out, const Spec& spec, const char* length, T arg) {
+void appendPrintf(std::string& out, const Conversion& conv, const char* length, T arg) {
   char f[32];
   int at = 0;
   f[at++] = '%';
-  for (int i = 0; i < spec.flagCount; ++i) f[at++] = spec.flags[i];
-  if (spec.width >= 0) at += std::snprintf(f + at, sizeof f - std::size_t(at), "%d", spec.width);
-  if (spec.precision >= 0) {
-    at += std::snprintf(f + at, sizeof f - std::size_t(at), ".%d", spec.precision);
+  for (int i = 0; i < conv.flagCount; ++i) f[at++] = conv.flags[i];
+  if (conv.width >= 0) at += std::snprintf(f + at, sizeof f - std::size_t(at), "%d", conv.width);
+  if (conv.precision >= 0) {
+    at += std::snprintf(f + at, sizeof f - std::size_t(at), ".%d", conv.precision);
   }
   for (const char* l = length; *l;) f[at++] = *l++;
-  f[at++] = spec.conversion;
+  f[at++] = conv.letter;
   f[at] = '\0';
 
   char small[128];
@@ -73,14 +73,14 @@ void appendPrintf(std::string& out, const Spec& spec, const char* length, T arg)
 }
 
 // Width and precision applied to text the formatter produced itself ("%@", "%s").
-void appendPadded(std::string& out, const Spec& spec, std::string_view text) {
-  if (spec.precision >= 0 && text.size() > std::size_t(spec.precision)) {
-    text = text.substr(0, std::size_t(spec.precision));
+void appendPadded(std::string& out, const Conversion& conv, std::string_view text) {
+  if (conv.precision >= 0 && text.size() > std::size_t(conv.precision)) {
+    text = text.substr(0, std::size_t(conv.precision));
   }
-  std::size_t pad = spec.width > 0 && std::size_t(spec.width) > text.size()
-                        ? std::size_t(spec.width) - text.size()
+  std::size_t pad = conv.width > 0 && std::size_t(conv.width) > text.size()
+                        ? std::size_t(conv.width) - text.size()
                         : 0;
-  bool left = spec.has('-');
+  bool left = conv.has('-');
   if (!left) out.append(pad, ' ');
   out.append(text);
   if (left) out.append(pad, ' ');
@@ -103,22 +103,22 @@ std::int64_t narrowedSigned(std::int64_t v, int bytes) {
 }
 
 // A C string, read no further than a precision allows (it need not be terminated within it).
-std::string_view cStringText(const char* s, const Spec& spec) {
+std::string_view cStringText(const char* s, const Conversion& conv) {
   if (!s) return "(null)";
-  if (spec.precision >= 0) return std::string_view(s, ::strnlen(s, std::size_t(spec.precision)));
+  if (conv.precision >= 0) return std::string_view(s, ::strnlen(s, std::size_t(conv.precision)));
   return s;
 }
 
-void appendConversion(std::string& out, const Spec& spec, const FormatArg* arg) {
-  const char c = spec.conversion;
+void appendConversion(std::string& out, const Conversion& conv, const FormatArg* arg) {
+  const char c = conv.letter;
   if (!arg) return appendMismatch(out, c);
   using K = FormatArg::Kind;
   switch (c) {
     case 'd':
     case 'i':
       if (arg->isInteger()) {
-        return appendPrintf(out, spec, "ll",
-                            (long long)narrowedSigned(arg->asSigned(), spec.narrowTo));
+        return appendPrintf(out, conv, "ll",
+                            (long long)narrowedSigned(arg->asSigned(), conv.narrowTo));
       }
       break;
     case 'u':
@@ -126,12 +126,12 @@ void appendConversion(std::string& out, const Spec& spec, const FormatArg* arg) 
     case 'x':
     case 'X':
       if (arg->isInteger()) {
-        return appendPrintf(out, spec, "ll",
-                            (unsigned long long)narrowed(arg->asUnsigned(), spec.narrowTo));
+        return appendPrintf(out, conv, "ll",
+                            (unsigned long long)narrowed(arg->asUnsigned(), conv.narrowTo));
       }
       break;
     case 'c':
-      if (arg->isInteger()) return appendPrintf(out, spec, "", int(arg->asSigned()));
+      if (arg->isInteger()) return appendPrintf(out, conv, "", int(arg->asSigned()));
       break;
     case 'f':
     case 'F':
@@ -141,26 +141,26 @@ void appendConversion(std::string& out, const Spec& spec, const FormatArg* arg) 
     case 'G':
     case 'a':
     case 'A':
-      if (arg->kind() == K::Real) return appendPrintf(out, spec, "", arg->asReal());
-      if (arg->isInteger()) return appendPrintf(out, spec, "", arg->asNumber());
+      if (arg->kind() == K::Real) return appendPrintf(out, conv, "", arg->asReal());
+      if (arg->isInteger()) return appendPrintf(out, conv, "", arg->asNumber());
       break;
     case 's':
       if (arg->kind() == K::CString)
-        return appendPadded(out, spec, cStringText(arg->asCString(), spec));
-      if (arg->kind() == K::String) return appendPadded(out, spec, arg->asString());
-      if (arg->kind() == K::Pointer && !arg->asPointer()) return appendPadded(out, spec, "(null)");
+        return appendPadded(out, conv, cStringText(arg->asCString(), conv));
+      if (arg->kind() == K::String) return appendPadded(out, conv, arg->asString());
+      if (arg->kind() == K::Pointer && !arg->asPointer()) return appendPadded(out, conv, "(null)");
       break;
     case 'p':
-      if (arg->kind() == K::Pointer) return appendPrintf(out, spec, "", arg->asPointer());
+      if (arg->kind() == K::Pointer) return appendPrintf(out, conv, "", arg->asPointer());
       if (arg->kind() == K::CString) {
-        return appendPrintf(out, spec, "", static_cast<const void*>(arg->asCString()));
+        return appendPrintf(out, conv, "", static_cast<const void*>(arg->asCString()));
       }
       if (arg->kind() == K::Object) {
-        return appendPrintf(out, spec, "", static_cast<const void*>(arg->asObject()));
+        return appendPrintf(out, conv, "", static_cast<const void*>(arg->asObject()));
       }
       break;
     case '@':
-      return appendPadded(out, spec, describeArg(*arg));
+      return appendPadded(out, conv, describeArg(*arg));
   }
   appendMismatch(out, c);
 }
@@ -230,50 +230,50 @@ std::string formatArgs(std::string_view fmt, std::span<const FormatArg> args) {
       ++i;
       continue;
     }
-    Spec spec;
+    Conversion conv;
     while (i < fmt.size() && oneOf("-+ #0'", fmt[i])) {
-      if (fmt[i] != '\'') spec.add(fmt[i]);
+      if (fmt[i] != '\'') conv.add(fmt[i]);
       ++i;
     }
     if (i < fmt.size() && fmt[i] == '*') {
-      spec.width = takeStar();
-      if (spec.width < 0) {  // a negative "*" width means left-justified, as in printf
-        spec.add('-');
-        spec.width = -spec.width;
+      conv.width = takeStar();
+      if (conv.width < 0) {  // a negative "*" width means left-justified, as in printf
+        conv.add('-');
+        conv.width = -conv.width;
       }
       ++i;
     } else {
       while (i < fmt.size() && isDigit(fmt[i])) {
-        spec.width = std::min(kMaxWidth, std::max(spec.width, 0) * 10 + (fmt[i++] - '0'));
+        conv.width = std::min(kMaxWidth, std::max(conv.width, 0) * 10 + (fmt[i++] - '0'));
       }
     }
     if (i < fmt.size() && fmt[i] == '.') {
       ++i;
-      spec.precision = 0;
+      conv.precision = 0;
       if (i < fmt.size() && fmt[i] == '*') {
-        spec.precision = takeStar();  // negative: as if no precision were given
-        if (spec.precision < 0) spec.precision = -1;
+        conv.precision = takeStar();  // negative: as if no precision were given
+        if (conv.precision < 0) conv.precision = -1;
         ++i;
       } else {
         while (i < fmt.size() && isDigit(fmt[i])) {
-          spec.precision = std::min(kMaxWidth, spec.precision * 10 + (fmt[i++] - '0'));
+          conv.precision = std::min(kMaxWidth, conv.precision * 10 + (fmt[i++] - '0'));
         }
       }
     }
     int hCount = 0;
     while (i < fmt.size() && oneOf("hlqLjztZ", fmt[i])) hCount += fmt[i++] == 'h';
-    spec.narrowTo = hCount == 1 ? 2 : hCount >= 2 ? 1 : 0;
+    conv.narrowTo = hCount == 1 ? 2 : hCount >= 2 ? 1 : 0;
     if (i >= fmt.size()) {
       out.append(fmt.substr(pct));
       break;
     }
-    spec.conversion = fmt[i++];
-    if (!oneOf("diuoxXcspfFeEgGaA@", spec.conversion)) {
+    conv.letter = fmt[i++];
+    if (!oneOf("diuoxXcspfFeEgGaA@", conv.letter)) {
       // Not a conversion we print (e.g. "%n"): keep the text as written, consume no argument.
       out.append(fmt.substr(pct, i - pct));
       continue;
     }
-    appendConversion(out, spec, take());
+    appendConversion(out, conv, take());
   }
   return out;
 }
