@@ -1,6 +1,7 @@
 // The object format string formatter: walks the format once, hands each numeric conversion to
 // snprintf with a printf conversion rebuilt for the argument's real type, and prints "%@" and
-// strings itself. snprintf only ever sees a conversion built for its argument, so no argument can be misread.
+// strings itself. snprintf only ever sees a conversion built for its argument, so no argument can
+// be misread.
 #include <gatewise/format.h>
 
 #include <algorithm>
