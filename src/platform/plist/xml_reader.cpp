@@ -45,18 +45,38 @@ constexpr ElementName kElements[] = {
     {"true", Element::True},   {"false", Element::False},
 };
 
-Element elementNamed(std::string_view name) {
-  for (const ElementName& e : kElements) {
-    if (e.name == name) return e.element;
-  }
-  return Element::Unknown;
-}
-
 std::string_view nameOf(Element e) {
   for (const ElementName& n : kElements) {
     if (n.element == e) return n.name;
   }
   return "?";
+}
+
+// Called for every start tag: tells the names apart by length and first letter before comparing.
+Element elementNamed(std::string_view name) {
+  Element e = Element::Unknown;
+  switch (name.size()) {
+    case 3:
+      e = Element::Key;
+      break;
+    case 4:
+      e = name[0] == 'd' ? Element::Date : name[0] == 'r' ? Element::Real : Element::True;
+      if (name[0] == 'd' && name[1] == 'i') e = Element::Dict;
+      if (name[0] == 'd' && name[1] == 'a' && name[2] == 't' && name[3] == 'a') e = Element::Data;
+      break;
+    case 5:
+      e = name[0] == 'p' ? Element::Plist : name[0] == 'a' ? Element::Array : Element::False;
+      break;
+    case 6:
+      e = Element::String;
+      break;
+    case 7:
+      e = Element::Integer;
+      break;
+    default:
+      return Element::Unknown;
+  }
+  return nameOf(e) == name ? e : Element::Unknown;
 }
 
 bool isLeaf(Element e) { return e >= Element::Key; }
@@ -114,7 +134,7 @@ class XMLReader {
   bool mayStartValue(Element e);
   void finishLeaf(Element e);
   void finishContainer();
-  void addValue(Value v);
+  void addValue(Value&& v);
   bool isMutable() const { return options_.mutability == Mutability::MutableContainers; }
 
   const ReadOptions& options_;
@@ -314,7 +334,7 @@ void XMLReader::finishContainer() {
   addValue(Dictionary::make(std::move(frame.entries), isMutable()));
 }
 
-void XMLReader::addValue(Value v) {
+void XMLReader::addValue(Value&& v) {
   if (stack_.empty() || stack_.back().element == Element::Plist) {
     root_ = std::move(v);
     return;
@@ -323,7 +343,13 @@ void XMLReader::addValue(Value v) {
   if (top.element == Element::Array) {
     top.items.push_back(std::move(v));
   } else {
-    top.entries.insert_or_assign(std::move(top.key), std::move(v));
+    Dictionary::Map& entries = top.entries;
+    // Writers emit keys in ascending order: then the entry goes at the end without a search.
+    if (entries.empty() || std::prev(entries.end())->first < top.key) {
+      entries.emplace_hint(entries.end(), std::move(top.key), std::move(v));
+    } else {
+      entries.insert_or_assign(std::move(top.key), std::move(v));  // out of order, or repeated
+    }
     top.key.clear();
     top.hasKey = false;
   }
