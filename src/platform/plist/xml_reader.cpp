@@ -10,6 +10,7 @@
 #include <expat.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <memory>
 
@@ -227,8 +228,14 @@ void XMLReader::text(std::string_view s) {
     text_.append(s);
     return;
   }
+  // Called for every run of indentation between tags: one table look-up per character.
+  static constexpr auto kBlank = [] {
+    std::array<bool, 256> t{};
+    t[' '] = t['\t'] = t['\n'] = t['\r'] = true;
+    return t;
+  }();
   for (char c : s) {
-    if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
+    if (!kBlank[static_cast<unsigned char>(c)]) {
       std::string_view where = open_.empty() ? "the document" : nameOf(open_.back());
       fail("unexpected text " + quoted(s) + " in <" + std::string(where) + ">");
       return;
