@@ -35,23 +35,12 @@ enum class Element : std::uint8_t {
   Unknown
 };
 
-struct ElementName {
-  std::string_view name;
-  Element element;
-};
-constexpr ElementName kElements[] = {
-    {"plist", Element::Plist}, {"dict", Element::Dict},       {"key", Element::Key},
-    {"array", Element::Array}, {"string", Element::String},   {"data", Element::Data},
-    {"date", Element::Date},   {"integer", Element::Integer}, {"real", Element::Real},
-    {"true", Element::True},   {"false", Element::False},
-};
+// Element names in the order of the enumeration.
+constexpr std::string_view kElementNames[] = {"plist", "dict",    "array", "key",  "string", "data",
+                                              "date",  "integer", "real",  "true", "false",  "?"};
+static_assert(std::size(kElementNames) == std::size_t(Element::Unknown) + 1);
 
-std::string_view nameOf(Element e) {
-  for (const ElementName& n : kElements) {
-    if (n.element == e) return n.name;
-  }
-  return "?";
-}
+std::string_view nameOf(Element e) { return kElementNames[std::size_t(e)]; }
 
 // Called for every start tag: tells the names apart by length and first letter before comparing.
 Element elementNamed(std::string_view name) {
