@@ -124,7 +124,9 @@ class XMLReader {
   bool mayStartValue(Element e);
   void finishLeaf(Element e);
   void finishContainer();
-  void addValue(Value&& v);
+  // Constructs the value in its place: the root, an array's vector or a dictionary's map.
+  template <class Arg>
+  void addValue(Arg&& arg);
   bool isMutable() const { return options_.mutability == Mutability::MutableContainers; }
 
   const ReadOptions& options_;
@@ -255,7 +257,7 @@ void XMLReader::finishLeaf(Element e) {
       return;
     }
     case Element::String:
-      addValue(Value(std::string(text_)));
+      addValue(std::string_view(text_));
       return;
     case Element::True:
     case Element::False:
@@ -263,13 +265,13 @@ void XMLReader::finishLeaf(Element e) {
         fail("unexpected text " + quoted(text_) + " in <" + std::string(nameOf(e)) + ">");
         return;
       }
-      addValue(Value(e == Element::True));
+      addValue(e == Element::True);
       return;
     case Element::Integer: {
       Integer n;
       switch (text::parseInteger(text_, &n)) {
         case text::IntegerError::None:
-          addValue(Value(n));
+          addValue(n);
           return;
         case text::IntegerError::OutOfRange:
           fail("integer out of the 64-bit range: " + quoted(text_));
@@ -282,14 +284,14 @@ void XMLReader::finishLeaf(Element e) {
     }
     case Element::Real:
       if (auto d = text::parseReal(text_)) {
-        addValue(Value(*d));
+        addValue(*d);
       } else {
         fail("not a real number: " + quoted(text_));
       }
       return;
     case Element::Date:
       if (auto d = text::parseISO8601(text_)) {
-        addValue(Value(*d));
+        addValue(*d);
       } else {
         fail("not an ISO 8601 date: " + quoted(text_));
       }
@@ -300,7 +302,7 @@ void XMLReader::finishLeaf(Element e) {
         fail("invalid base64 in <data>");
         return;
       }
-      addValue(Value(std::shared_ptr<const Data>(std::move(data))));
+      addValue(std::shared_ptr<const Data>(std::move(data)));
       return;
     }
     default:
@@ -330,21 +332,22 @@ void XMLReader::finishContainer() {
   addValue(Dictionary::make(std::move(frame.entries), isMutable()));
 }
 
-void XMLReader::addValue(Value&& v) {
+template <class Arg>
+void XMLReader::addValue(Arg&& arg) {
   if (stack_.empty() || stack_.back().element == Element::Plist) {
-    root_ = std::move(v);
+    root_.emplace(std::forward<Arg>(arg));
     return;
   }
   Frame& top = stack_.back();
   if (top.element == Element::Array) {
-    top.items.push_back(std::move(v));
+    top.items.emplace_back(std::forward<Arg>(arg));
   } else {
     Dictionary::Map& entries = top.entries;
     // Writers emit keys in ascending order: then the entry goes at the end without a search.
     if (entries.empty() || std::prev(entries.end())->first < top.key) {
-      entries.emplace_hint(entries.end(), std::move(top.key), std::move(v));
+      entries.emplace_hint(entries.end(), std::move(top.key), std::forward<Arg>(arg));
     } else {
-      entries.insert_or_assign(std::move(top.key), std::move(v));  // out of order, or repeated
+      entries.insert_or_assign(std::move(top.key), Value(std::forward<Arg>(arg)));  // out of order
     }
     top.key.clear();
     top.hasKey = false;
