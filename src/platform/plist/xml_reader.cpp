@@ -132,9 +132,8 @@ class XMLReader {
   const ReadOptions& options_;
   XML_Parser parser_ = nullptr;
   std::vector<Frame> stack_;
-  std::vector<std::vector<Value>> spareItems_;  // emptied item vectors of closed arrays, for reuse
-  std::vector<Element> open_;                   // every open element, for matching ends
-  Element leaf_ = Element::Unknown;             // the open leaf element, if any
+  std::vector<Element> open_;        // every open element, for matching ends
+  Element leaf_ = Element::Unknown;  // the open leaf element, if any
   std::string text_;
   unsigned depth_ = 0;  // open arrays and dictionaries
   std::optional<Value> root_;
@@ -189,10 +188,6 @@ void XMLReader::start(std::string_view name) {
         return;
       }
       stack_.push_back(Frame{e, {}, {}, {}, false});
-      if (e == Element::Array && !spareItems_.empty()) {
-        stack_.back().items = std::move(spareItems_.back());
-        spareItems_.pop_back();
-      }
       break;
     case Element::Key: {
       if (!mayStartValue(e)) return;
@@ -320,12 +315,7 @@ void XMLReader::finishContainer() {
   stack_.pop_back();
   --depth_;
   if (frame.element == Element::Array) {
-    // The array gets a vector of its exact size; the grown one is kept for the next array.
-    std::vector<Value> items(std::make_move_iterator(frame.items.begin()),
-                             std::make_move_iterator(frame.items.end()));
-    frame.items.clear();
-    spareItems_.push_back(std::move(frame.items));
-    addValue(Array::make(std::move(items), isMutable()));
+    addValue(Array::make(std::move(frame.items), isMutable()));
     return;
   }
   if (frame.hasKey) {
