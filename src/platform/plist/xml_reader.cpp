@@ -10,6 +10,7 @@
 #include <expat.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <memory>
 
@@ -34,29 +35,38 @@ enum class Element : std::uint8_t {
   Unknown
 };
 
-struct ElementName {
-  std::string_view name;
-  Element element;
-};
-constexpr ElementName kElements[] = {
-    {"plist", Element::Plist}, {"dict", Element::Dict},       {"key", Element::Key},
-    {"array", Element::Array}, {"string", Element::String},   {"data", Element::Data},
-    {"date", Element::Date},   {"integer", Element::Integer}, {"real", Element::Real},
-    {"true", Element::True},   {"false", Element::False},
-};
+// Element names in the order of the enumeration.
+constexpr std::string_view kElementNames[] = {"plist", "dict",    "array", "key",  "string", "data",
+                                              "date",  "integer", "real",  "true", "false",  "?"};
+static_assert(std::size(kElementNames) == std::size_t(Element::Unknown) + 1);
 
+std::string_view nameOf(Element e) { return kElementNames[std::size_t(e)]; }
+
+// Called for every start tag: tells the names apart by length and first letter before comparing.
 Element elementNamed(std::string_view name) {
-  for (const ElementName& e : kElements) {
-    if (e.name == name) return e.element;
+  Element e = Element::Unknown;
+  switch (name.size()) {
+    case 3:
+      e = Element::Key;
+      break;
+    case 4:
+      e = name[0] == 'd' ? Element::Date : name[0] == 'r' ? Element::Real : Element::True;
+      if (name[0] == 'd' && name[1] == 'i') e = Element::Dict;
+      if (name[0] == 'd' && name[1] == 'a' && name[2] == 't' && name[3] == 'a') e = Element::Data;
+      break;
+    case 5:
+      e = name[0] == 'p' ? Element::Plist : name[0] == 'a' ? Element::Array : Element::False;
+      break;
+    case 6:
+      e = Element::String;
+      break;
+    case 7:
+      e = Element::Integer;
+      break;
+    default:
+      return Element::Unknown;
   }
-  return Element::Unknown;
-}
-
-std::string_view nameOf(Element e) {
-  for (const ElementName& n : kElements) {
-    if (n.element == e) return n.name;
-  }
-  return "?";
+  return nameOf(e) == name ? e : Element::Unknown;
 }
 
 bool isLeaf(Element e) { return e >= Element::Key; }
@@ -114,7 +124,9 @@ class XMLReader {
   bool mayStartValue(Element e);
   void finishLeaf(Element e);
   void finishContainer();
-  void addValue(Value v);
+  // Constructs the value in its place: the root, an array's vector or a dictionary's map.
+  template <class Arg>
+  void addValue(Arg&& arg);
   bool isMutable() const { return options_.mutability == Mutability::MutableContainers; }
 
   const ReadOptions& options_;
@@ -207,8 +219,14 @@ void XMLReader::text(std::string_view s) {
     text_.append(s);
     return;
   }
+  // Called for every run of indentation between tags: one table look-up per character.
+  static constexpr auto kBlank = [] {
+    std::array<bool, 256> t{};
+    t[' '] = t['\t'] = t['\n'] = t['\r'] = true;
+    return t;
+  }();
   for (char c : s) {
-    if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
+    if (!kBlank[static_cast<unsigned char>(c)]) {
       std::string_view where = open_.empty() ? "the document" : nameOf(open_.back());
       fail("unexpected text " + quoted(s) + " in <" + std::string(where) + ">");
       return;
@@ -239,7 +257,7 @@ void XMLReader::finishLeaf(Element e) {
       return;
     }
     case Element::String:
-      addValue(Value(std::string(text_)));
+      addValue(std::string_view(text_));
       return;
     case Element::True:
     case Element::False:
@@ -247,13 +265,13 @@ void XMLReader::finishLeaf(Element e) {
         fail("unexpected text " + quoted(text_) + " in <" + std::string(nameOf(e)) + ">");
         return;
       }
-      addValue(Value(e == Element::True));
+      addValue(e == Element::True);
       return;
     case Element::Integer: {
       Integer n;
       switch (text::parseInteger(text_, &n)) {
         case text::IntegerError::None:
-          addValue(Value(n));
+          addValue(n);
           return;
         case text::IntegerError::OutOfRange:
           fail("integer out of the 64-bit range: " + quoted(text_));
@@ -266,14 +284,14 @@ void XMLReader::finishLeaf(Element e) {
     }
     case Element::Real:
       if (auto d = text::parseReal(text_)) {
-        addValue(Value(*d));
+        addValue(*d);
       } else {
         fail("not a real number: " + quoted(text_));
       }
       return;
     case Element::Date:
       if (auto d = text::parseISO8601(text_)) {
-        addValue(Value(*d));
+        addValue(*d);
       } else {
         fail("not an ISO 8601 date: " + quoted(text_));
       }
@@ -284,7 +302,7 @@ void XMLReader::finishLeaf(Element e) {
         fail("invalid base64 in <data>");
         return;
       }
-      addValue(Value(std::shared_ptr<const Data>(std::move(data))));
+      addValue(std::shared_ptr<const Data>(std::move(data)));
       return;
     }
     default:
@@ -314,16 +332,23 @@ void XMLReader::finishContainer() {
   addValue(Dictionary::make(std::move(frame.entries), isMutable()));
 }
 
-void XMLReader::addValue(Value v) {
+template <class Arg>
+void XMLReader::addValue(Arg&& arg) {
   if (stack_.empty() || stack_.back().element == Element::Plist) {
-    root_ = std::move(v);
+    root_.emplace(std::forward<Arg>(arg));
     return;
   }
   Frame& top = stack_.back();
   if (top.element == Element::Array) {
-    top.items.push_back(std::move(v));
+    top.items.emplace_back(std::forward<Arg>(arg));
   } else {
-    top.entries.insert_or_assign(std::move(top.key), std::move(v));
+    Dictionary::Map& entries = top.entries;
+    // Writers emit keys in ascending order: then the entry goes at the end without a search.
+    if (entries.empty() || std::prev(entries.end())->first < top.key) {
+      entries.emplace_hint(entries.end(), std::move(top.key), std::forward<Arg>(arg));
+    } else {
+      entries.insert_or_assign(std::move(top.key), Value(std::forward<Arg>(arg)));  // out of order
+    }
     top.key.clear();
     top.hasKey = false;
   }
