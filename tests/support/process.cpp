@@ -10,32 +10,14 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "platform/mach/unique_fd.h"
+
 extern char** environ;
 
 namespace gwtest {
 namespace {
 
-// Closes a descriptor when it goes out of scope.
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() { reset(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  int release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-  }
-  void reset(int fd = -1) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-  }
-
- private:
-  int fd_;
-};
+using Fd = gw::mach::UniqueFd;
 
 struct Pipe {
   Fd read, write;
