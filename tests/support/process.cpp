@@ -1,6 +1,7 @@
 #include "support/process.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -206,6 +207,19 @@ int ChildProcess::wait() {
   int status = reap(pid_);
   pid_ = -1;
   return status;
+}
+
+int runInChild(const std::function<int()>& body) {
+  pid_t pid = ::fork();
+  if (pid < 0) return -1;
+  if (pid == 0) ::_exit(body() & 0xff);
+  return reap(pid);
+}
+
+bool dropToUnprivilegedUser() {
+  if (::geteuid() != 0) return true;
+  constexpr uid_t kNobody = 65534;
+  return ::setgroups(0, nullptr) == 0 && ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0;
 }
 
 }  // namespace gwtest

@@ -1,5 +1,5 @@
-// Child processes for black-box tests: run a program to completion, or keep one running and read
-// its output as it comes.
+// Child processes for tests: run a program to completion, keep one running and read its output as
+// it comes, or run a piece of the test itself in a forked child.
 //
 // Programs are started directly (no shell; argv[0] is a path or a name looked up in PATH) with the
 // test's own environment plus the given additions. Standard input is fed from a string (empty:
@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -61,5 +62,15 @@ class ChildProcess {
   int out_ = -1, err_ = -1;
   std::string outBuffer_, errBuffer_;
 };
+
+// Forks, runs body in the child and returns its result as the child's exit status (0..255), or -1
+// if the child died by a signal or could not be started. For failures that need a process of their
+// own (a file size limit, an unprivileged user).
+int runInChild(const std::function<int()>& body);
+
+// In a child: switches to uid/gid 65534 when running as root (otherwise the caller is unprivileged
+// already). The tests run as root in CI, where permission bits alone refuse nothing, so a child
+// drops to this user to meet a read-only folder. Returns false if the switch failed.
+bool dropToUnprivilegedUser();
 
 }  // namespace gwtest
