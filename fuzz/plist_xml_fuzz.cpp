@@ -2,40 +2,13 @@
 // to an equal value.
 #include <gatewise/plist.h>
 
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-namespace {
+#include "plist_round_trip.h"
 
-using gw::plist::Value;
-
-// Equality that also holds for NaN, which equals nothing under operator==.
-bool sameValue(const Value& a, const Value& b) {
-  if (a.isReal() && b.isReal() && std::isnan(a.real())) return std::isnan(b.real());
-  if (a.isArray() && b.isArray()) {
-    const auto& x = *a.array();
-    const auto& y = *b.array();
-    if (x.size() != y.size()) return false;
-    for (std::size_t i = 0; i < x.size(); ++i) {
-      if (!sameValue(x[i], y[i])) return false;
-    }
-    return true;
-  }
-  if (a.isDictionary() && b.isDictionary()) {
-    const auto& x = *a.dictionary();
-    const auto& y = *b.dictionary();
-    if (x.size() != y.size()) return false;
-    for (auto i = x.begin(), j = y.begin(); i != x.end(); ++i, ++j) {
-      if (i->first != j->first || !sameValue(i->second, j->second)) return false;
-    }
-    return true;
-  }
-  return a == b;
-}
-
-}  // namespace
+using gwfuzz::sameValue;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // Binary documents belong to the binary target.

@@ -23,6 +23,7 @@
 #include "identity/identity_buffer.h"
 #include "identity/prebinding_lock.h"
 #include "platform/digest/digest.h"
+#include "platform/mach/unique_fd.h"
 
 const char* const kMorvaneDoublePrefix = "._";
 const int32_t kMorvaneDoublePrefixLength = 2;
@@ -52,20 +53,6 @@ std::uint32_t bigEndian32(const std::uint8_t* at) {
          at[3];
 }
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 int openReadOnly(const char* path) {
   int fd;
   do {
@@ -94,7 +81,7 @@ std::int32_t pushSidecarResourceFork(IdentityBuffer& buffer, const std::string& 
   std::size_t slash = path.rfind('/');
   std::size_t nameAt = slash == std::string::npos ? 0 : slash + 1;
   std::string sidecar = path.substr(0, nameAt) + kMorvaneDoublePrefix + path.substr(nameAt);
-  FileDescriptor file(openReadOnly(sidecar.c_str()));
+  mach::UniqueFd file(openReadOnly(sidecar.c_str()));
   if (file.get() < 0) return 0;
   std::uint8_t header[26];
   if (fdread(file.get(), header, sizeof header, 0) != ssize_t(sizeof header)) return 0;
@@ -121,7 +108,7 @@ std::int32_t pushResourceFork(IdentityBuffer& buffer, const std::string& path) {
   struct stat info;
   if (::lstat(fork.c_str(), &info) == 0) {
     if (info.st_size <= 0) return 0;
-    FileDescriptor file(openReadOnly(fork.c_str()));
+    mach::UniqueFd file(openReadOnly(fork.c_str()));
     if (file.get() < 0) return 0;
     return _BufferPushMD5FromFile(&buffer, file.get(), kToEndOfFile);
   }
@@ -177,7 +164,7 @@ void feedShape(digest::Digest& shape, const FTSENT* entry) {
 std::int32_t hashEntry(IdentityBuffer& buffer, const FTSENT* entry) {
   switch (entry->fts_info) {
     case FTS_F: {
-      FileDescriptor file(openReadOnly(entry->fts_accpath));
+      mach::UniqueFd file(openReadOnly(entry->fts_accpath));
       if (file.get() < 0) return kOther;
       std::int32_t status = pushResourceFork(buffer, entry->fts_path);
       if (status != 0) return status;

@@ -20,12 +20,11 @@ class UsersTest : public ::testing::Test {
     group_ = root_.writeFile("/nss/group", "root:x:0:\nusers:x:1001:\n");
   }
 
-  gwtest::ProcessResult cli(std::vector<std::string> args) {
-    args.insert(args.begin(), GATEWISE_TEST_CLI);
-    return gwtest::runProcess(args, {{"LD_PRELOAD", "libnss_wrapper.so"},
-                                     {"NSS_WRAPPER_PASSWD", passwd_},
-                                     {"NSS_WRAPPER_GROUP", group_},
-                                     {"ASAN_OPTIONS", "verify_asan_link_order=0"}});
+  gwtest::RunResult cli(const std::vector<std::string>& args) {
+    return gwtest::runCli(args, {.environment = {{"LD_PRELOAD", "libnss_wrapper.so"},
+                                                 {"NSS_WRAPPER_PASSWD", passwd_},
+                                                 {"NSS_WRAPPER_GROUP", group_},
+                                                 {"ASAN_OPTIONS", "verify_asan_link_order=0"}}});
   }
 
   gwtest::TempRoot root_;
@@ -48,9 +47,9 @@ TEST_F(UsersTest, UnknownAndUnconvertibleNamesGiveAllOnes) {
                 .out,
             "4294967295\n");  // in the database, but not UTF-8
   auto unknown = cli({"name", "4242"});
-  EXPECT_EQ(unknown.exitStatus, 1);
+  EXPECT_EQ(unknown.status, 1);
   EXPECT_EQ(unknown.out, "");
-  EXPECT_EQ(cli({"name", "1002"}).exitStatus, 1);  // a name that is not UTF-8 is no name
+  EXPECT_EQ(cli({"name", "1002"}).status, 1);  // a name that is not UTF-8 is no name
 }
 
 TEST(UsersInProcessTest, UnknownNameIsAllOnes) {

@@ -1,6 +1,5 @@
 #include <gatewise/identity.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +7,7 @@
 #include <string>
 
 #include "support/macho_writer.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -17,17 +17,10 @@ struct CliRun {
   std::string output;
 };
 
-// Runs the CLI with arguments (already quoted for the shell); standard error joins the output.
-CliRun cli(const std::string& arguments) {
-  std::string command = std::string(GATEWISE_TEST_CLI) + " " + arguments + " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  CliRun run{-1, {}};
-  if (pipe == nullptr) return run;
-  char chunk[4096];
-  while (std::size_t n = std::fread(chunk, 1, sizeof chunk, pipe)) run.output.append(chunk, n);
-  int wait = ::pclose(pipe);
-  run.status = WIFEXITED(wait) ? WEXITSTATUS(wait) : -1;
-  return run;
+// Runs the CLI with args; standard error follows standard output.
+CliRun cli(const std::vector<std::string>& args) {
+  gwtest::RunResult run = gwtest::runCli(args);
+  return {run.status, run.out + run.err};
 }
 
 std::string hex(const std::uint8_t* bytes, std::uint32_t length) {
@@ -48,11 +41,11 @@ TEST(IdentityCliTest, IdentityPrintsTheRecordInHexAndFailsWithStatusTwo) {
   std::uint32_t length = 0;
   const char* excluded[] = {"Contents/skip", nullptr};
   ASSERT_EQ(IdentityCreateWithPath(root.at("/App").c_str(), excluded, &record, &length), 0);
-  CliRun run = cli("identity '" + root.at("/App") + "' --exclude Contents/skip");
+  CliRun run = cli({"identity", root.at("/App"), "--exclude", "Contents/skip"});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.output, hex(record, length) + "\n");
   std::free(record);
-  EXPECT_EQ(cli("identity").status, 2);
+  EXPECT_EQ(cli({"identity"}).status, 2);
 }
 
 TEST(IdentityCliTest, UnprebindExitsWithItsResultAndMachoInfoDescribes) {
@@ -60,7 +53,7 @@ TEST(IdentityCliTest, UnprebindExitsWithItsResultAndMachoInfoDescribes) {
   gwtest::TempRoot root;
   Bytes prebound = writeImage({true, false, true}, Prebinding{});
   std::string in = root.writeFile("/lib.dylib", std::string(prebound.begin(), prebound.end()));
-  CliRun info = cli("macho info '" + in + "'");
+  CliRun info = cli({"macho", "info", in});
   EXPECT_EQ(info.status, 0);
   EXPECT_NE(info.output.find("ppc (big-endian, 32-bit) dynamic library, prebound"),
             std::string::npos)
@@ -69,13 +62,13 @@ TEST(IdentityCliTest, UnprebindExitsWithItsResultAndMachoInfoDescribes) {
   EXPECT_NE(info.output.find("  /usr/local/lib/libother.dylib"), std::string::npos);
 
   std::string out = root.at("/out.dylib");
-  EXPECT_EQ(cli("unprebind '" + in + "' '" + out + "'").status, 0);
+  EXPECT_EQ(cli({"unprebind", in, out}).status, 0);
   std::ifstream written(out, std::ios::binary);
   Bytes bytes((std::istreambuf_iterator<char>(written)), std::istreambuf_iterator<char>());
   EXPECT_EQ(bytes, writeImage({true, false, true}));
-  EXPECT_EQ(cli("unprebind '" + out + "' '" + root.at("/again") + "'").status, 2);
+  EXPECT_EQ(cli({"unprebind", out, root.at("/again")}).status, 2);
   std::string junk = root.writeFile("/junk", "not mach-o");
-  CliRun failed = cli("unprebind '" + junk + "' '" + root.at("/x") + "'");
+  CliRun failed = cli({"unprebind", junk, root.at("/x")});
   EXPECT_EQ(failed.status, 1);
   EXPECT_NE(failed.output.find("not a Mach-O, fat or archive file"), std::string::npos);
 }

@@ -1,23 +1,13 @@
 #include <gatewise/schedule/calendar.h>
 #include <gatewise/schedule/curfews.h>
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include "support/time_zone.h"
 
 namespace gw {
 namespace {
 
-plist::Date utc(int year, int month, int day, int hour, int minute, int second = 0) {
-  struct tm parts {};
-  parts.tm_year = year - 1900;
-  parts.tm_mon = month - 1;
-  parts.tm_mday = day;
-  parts.tm_hour = hour;
-  parts.tm_min = minute;
-  parts.tm_sec = second;
-  return plist::Date::fromUnixTime(double(timegm(&parts)));
-}
+using gwtest::utc;
 
 GWTime at(const char* text) { return *GWTime::timeWithString(std::string_view(text)); }
 

@@ -1,38 +1,11 @@
 #include "support/plistlib.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
-extern char** environ;
-
 namespace gwtest {
 namespace {
-
-// Closes a descriptor when it goes out of scope.
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() { reset(); }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
 
 void appendHex(std::string& out, std::string_view bytes) {
   static constexpr char kHex[] = "0123456789abcdef";
@@ -117,69 +90,12 @@ void appendCanonical(std::string& out, const gw::plist::Value& v) {
 
 }  // namespace
 
-ProgramResult runProgram(const std::vector<std::string>& argv, const std::string& input) {
-  ProgramResult result;
-  int in[2], out[2];
-  if (::pipe2(in, O_CLOEXEC) != 0) return result;
-  Fd inRead(in[0]), inWrite(in[1]);
-  if (::pipe2(out, O_CLOEXEC) != 0) return result;
-  Fd outRead(out[0]), outWrite(out[1]);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, inRead.get(), STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  pid_t pid = -1;
-  int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  inRead.reset();
-  outWrite.reset();
-  if (rc != 0) return result;
-
-  // A child that exits without reading all its input must not kill the test with SIGPIPE.
-  struct sigaction ignore = {}, previous = {};
-  ignore.sa_handler = SIG_IGN;
-  ::sigaction(SIGPIPE, &ignore, &previous);
-  std::size_t written = 0;
-  if (input.empty()) inWrite.reset();
-  char buf[65536];
-  while (outRead.get() >= 0) {
-    pollfd fds[2] = {{outRead.get(), POLLIN, 0}, {inWrite.get(), POLLOUT, 0}};
-    int n = ::poll(fds, inWrite.get() >= 0 ? 2 : 1, -1);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) break;
-    if (inWrite.get() >= 0 && (fds[1].revents & (POLLOUT | POLLERR | POLLHUP))) {
-      ssize_t w = ::write(inWrite.get(), input.data() + written, input.size() - written);
-      if (w > 0) written += std::size_t(w);
-      if (w < 0 || written == input.size()) inWrite.reset();
-    }
-    if (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) {
-      ssize_t r = ::read(outRead.get(), buf, sizeof buf);
-      if (r > 0) {
-        result.output.append(buf, std::size_t(r));
-      } else if (r == 0 || errno != EINTR) {
-        outRead.reset();
-      }
-    }
-  }
-  inWrite.reset();
-  ::sigaction(SIGPIPE, &previous, nullptr);
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
-
-ProgramResult runPythonScript(const std::string& script, const std::vector<std::string>& args,
-                              const std::string& input) {
+RunResult runPythonScript(const std::string& script, const std::vector<std::string>& args,
+                          const std::string& input) {
   std::vector<std::string> argv = {GATEWISE_TEST_PYTHON3,
                                    std::string(GATEWISE_TEST_SOURCE_DIR) + "/support/" + script};
   argv.insert(argv.end(), args.begin(), args.end());
-  return runProgram(argv, input);
+  return runProgram(argv, {.input = input});
 }
 
 std::string canonicalText(const gw::plist::Value& v) {

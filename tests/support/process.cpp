@@ -1,6 +1,7 @@
 #include "support/process.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -10,19 +11,36 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "platform/mach/unique_fd.h"
+
 extern char** environ;
 
 namespace gwtest {
 namespace {
 
-struct Spawned {
-  pid_t pid;
-  int out;
-  int err;
+using Fd = gw::mach::UniqueFd;
+
+struct Pipe {
+  Fd read, write;
+  bool open() {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return false;
+    read.reset(fds[0]);
+    write.reset(fds[1]);
+    return true;
+  }
 };
 
-Spawned spawn(const std::vector<std::string>& argv, const Environment& environment) {
-  std::map<std::string, std::string> merged;
+struct Spawned {
+  pid_t pid = -1;
+  Fd in, out, err;  // our ends: in is empty when standard input is /dev/null
+};
+
+// Starts argv with piped standard output and error, and standard input piped (withInput) or
+// /dev/null. pid stays -1 when the program cannot be started.
+void spawn(const std::vector<std::string>& argv, const Environment& environment, bool withInput,
+           Spawned& child) {
+  Environment merged;
   for (char** e = environ; *e; ++e) {
     std::string entry = *e;
     std::size_t eq = entry.find('=');
@@ -34,29 +52,29 @@ Spawned spawn(const std::vector<std::string>& argv, const Environment& environme
   std::vector<char*> envp, args;
   for (auto& s : envStrings) envp.push_back(s.data());
   envp.push_back(nullptr);
-  std::vector<std::string> argvCopy = argv;
-  for (auto& s : argvCopy) args.push_back(s.data());
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
+  if (argv.empty()) return;
 
-  int outPipe[2], errPipe[2];
-  if (::pipe2(outPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  if (::pipe2(errPipe, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  Pipe in, out, err;
+  if ((withInput && !in.open()) || !out.open() || !err.open()) return;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
-  pid_t pid;
-  int r = ::posix_spawn(&pid, args[0], &actions, nullptr, args.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(outPipe[1]);
-  ::close(errPipe[1]);
-  if (r != 0) {
-    ::close(outPipe[0]);
-    ::close(errPipe[0]);
-    throw std::runtime_error("cannot start " + argv[0]);
+  if (withInput) {
+    posix_spawn_file_actions_adddup2(&actions, in.read.get(), STDIN_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   }
-  return {pid, outPipe[0], errPipe[0]};
+  posix_spawn_file_actions_adddup2(&actions, out.write.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err.write.get(), STDERR_FILENO);
+  pid_t pid = -1;
+  int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return;
+  child.pid = pid;
+  child.in.reset(in.write.release());
+  child.out.reset(out.read.release());
+  child.err.reset(err.read.release());
 }
 
 int reap(pid_t pid) {
@@ -69,36 +87,80 @@ int reap(pid_t pid) {
 
 }  // namespace
 
-ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment) {
-  Spawned child = spawn(argv, environment);
-  ProcessResult result;
-  pollfd fds[2] = {{child.out, POLLIN, 0}, {child.err, POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open = 2;
-  while (open > 0) {
-    if (::poll(fds, 2, -1) < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      char buffer[4096];
+RunResult runProgram(const std::vector<std::string>& argv, const RunOptions& options) {
+  RunResult result;
+  Spawned child;
+  spawn(argv, options.environment, true, child);
+  if (child.pid < 0) return result;
+
+  // A child that exits without reading all its input must not kill the test with SIGPIPE.
+  struct sigaction ignore = {}, previous = {};
+  ignore.sa_handler = SIG_IGN;
+  ::sigaction(SIGPIPE, &ignore, &previous);
+  const std::string& input = options.input;
+  std::size_t fed = 0;
+  if (input.empty()) child.in.reset();
+  auto deadline = std::chrono::steady_clock::now() + options.timeout;
+  bool timedOut = false;
+  while (child.out.get() >= 0 || child.err.get() >= 0) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      timedOut = true;
+      break;
+    }
+    pollfd fds[3];
+    Fd* owners[3];
+    nfds_t count = 0;
+    auto watch = [&](Fd& fd, short events) {
+      if (fd.get() < 0) return;
+      owners[count] = &fd;
+      fds[count++] = {fd.get(), events, 0};
+    };
+    watch(child.out, POLLIN);
+    watch(child.err, POLLIN);
+    watch(child.in, POLLOUT);
+    int ready = ::poll(fds, count, int(left.count()));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready < 0) break;
+    for (nfds_t i = 0; i < count; ++i) {
+      if (!fds[i].revents) continue;
+      if (owners[i] == &child.in) {
+        ssize_t n = ::write(fds[i].fd, input.data() + fed, input.size() - fed);
+        if (n > 0) fed += std::size_t(n);
+        if (n < 0 || fed == input.size()) child.in.reset();
+        continue;
+      }
+      char buffer[65536];
       ssize_t n = ::read(fds[i].fd, buffer, sizeof buffer);
       if (n > 0) {
-        sinks[i]->append(buffer, std::size_t(n));
+        (owners[i] == &child.out ? result.out : result.err).append(buffer, std::size_t(n));
       } else if (n == 0 || errno != EINTR) {
-        ::close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
+        owners[i]->reset();
       }
     }
   }
-  result.exitStatus = reap(child.pid);
+  child.in.reset();
+  ::sigaction(SIGPIPE, &previous, nullptr);
+  if (timedOut) ::kill(child.pid, SIGKILL);
+  int status = reap(child.pid);
+  result.status = timedOut ? -1 : status;
   return result;
 }
 
+RunResult runCli(const std::vector<std::string>& args, const RunOptions& options) {
+  std::vector<std::string> argv{GATEWISE_TEST_CLI};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return runProgram(argv, options);
+}
+
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, const Environment& environment) {
-  Spawned child = spawn(argv, environment);
+  Spawned child;
+  spawn(argv, environment, false, child);
+  if (child.pid < 0) throw std::runtime_error("cannot start " + (argv.empty() ? "" : argv[0]));
   pid_ = child.pid;
-  out_ = child.out;
-  err_ = child.err;
+  out_ = child.out.release();
+  err_ = child.err.release();
 }
 
 ChildProcess::~ChildProcess() {
@@ -145,6 +207,19 @@ int ChildProcess::wait() {
   int status = reap(pid_);
   pid_ = -1;
   return status;
+}
+
+int runInChild(const std::function<int()>& body) {
+  pid_t pid = ::fork();
+  if (pid < 0) return -1;
+  if (pid == 0) ::_exit(body() & 0xff);
+  return reap(pid);
+}
+
+bool dropToUnprivilegedUser() {
+  if (::geteuid() != 0) return true;
+  constexpr uid_t kNobody = 65534;
+  return ::setgroups(0, nullptr) == 0 && ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0;
 }
 
 }  // namespace gwtest

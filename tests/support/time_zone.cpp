@@ -20,4 +20,15 @@ ScopedTimeZone::~ScopedTimeZone() {
   ::tzset();
 }
 
+gw::plist::Date utc(int year, int month, int day, int hour, int minute, int second) {
+  struct tm parts {};
+  parts.tm_year = year - 1900;
+  parts.tm_mon = month - 1;
+  parts.tm_mday = day;
+  parts.tm_hour = hour;
+  parts.tm_min = minute;
+  parts.tm_sec = second;
+  return gw::plist::Date::fromUnixTime(double(timegm(&parts)));
+}
+
 }  // namespace gwtest

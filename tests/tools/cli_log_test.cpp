@@ -4,17 +4,17 @@
 
 #include <string>
 
-#include "support/cli_runner.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 
 namespace {
 
-using gwtest::CliResult;
 using gwtest::runCli;
+using gwtest::RunResult;
 
 TEST(CliLogTest, WritesOneLineAsItIsAtOrBelowTheThreshold) {
   gwtest::TempRoot root;
-  CliResult r = runCli(
+  RunResult r = runCli(
       {"--log-stderr", "--log-level", "1", "log", "1", "GWUserCanLogin", "42", "100% sure %d %@"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.err, "GWUserCanLogin [42] -- 100% sure %d %@\n");

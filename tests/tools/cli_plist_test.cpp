@@ -8,13 +8,13 @@
 
 #include "platform/fs/file_info.h"
 #include "platform/fs/file_io.h"
-#include "support/cli_runner.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 
 namespace {
 
-using gwtest::CliResult;
 using gwtest::runCli;
+using gwtest::RunResult;
 
 // A managed user's settings-like dictionary, written and checked by plistlib.
 constexpr const char* kPlistlibScript = R"(
@@ -40,7 +40,7 @@ int plistlib(const std::string& mode, const std::string& path) {
 
 std::string read(const std::string& path) { return gw::fs::readFile(path, 1 << 20).value_or(""); }
 
-bool isOneErrorLine(const CliResult& r) {
+bool isOneErrorLine(const RunResult& r) {
   return r.err.rfind("gatewise: ", 0) == 0 && r.err.find('\n') == r.err.size() - 1;
 }
 
@@ -49,20 +49,20 @@ class CliPlistTest : public ::testing::Test {
   gwtest::TempRoot root_;
 };
 
-#define SKIP_WITHOUT_BOTH_CODECS()                   \
+#define SKIP_WITHOUT_BOTH_CODECS()
 
 TEST_F(CliPlistTest, ConvertsBothWaysAndPlistlibReadsWhatItWrites) {
   SKIP_WITHOUT_BOTH_CODECS();
   std::string xml = root_.at("/in.plist"), binary = root_.at("/out.bplist");
   std::string back = root_.at("/back.plist");
   ASSERT_EQ(plistlib("xml", xml), 0);
-  CliResult toBinary = runCli({"plist", "convert", "--format", "binary", xml, binary});
+  RunResult toBinary = runCli({"plist", "convert", "--format", "binary", xml, binary});
   EXPECT_EQ(toBinary.status, 0) << toBinary.err;
   EXPECT_EQ(toBinary.out + toBinary.err, "");
   EXPECT_EQ(read(binary).substr(0, 8), "bplist00");
   EXPECT_EQ(plistlib("check", binary), 0);
 
-  CliResult toXML = runCli({"plist", "convert", "--format", "xml", binary, back});
+  RunResult toXML = runCli({"plist", "convert", "--format", "xml", binary, back});
   EXPECT_EQ(toXML.status, 0) << toXML.err;
   EXPECT_EQ(read(back).substr(0, 5), "<?xml");
   EXPECT_EQ(plistlib("check", back), 0);
@@ -72,12 +72,13 @@ TEST_F(CliPlistTest, DashMeansStandardInputAndOutput) {
   SKIP_WITHOUT_BOTH_CODECS();
   std::string binary = root_.at("/in.bplist"), piped = root_.at("/piped.plist");
   ASSERT_EQ(plistlib("binary", binary), 0);
-  CliResult r = runCli({"plist", "convert", "--format", "xml", "-", "-"}, read(binary));
+  RunResult r = runCli({"plist", "convert", "--format", "xml", "-", "-"}, {.input = read(binary)});
   ASSERT_EQ(r.status, 0) << r.err;
   ASSERT_TRUE(gw::fs::writeFileAtomically(piped, r.out));
   EXPECT_EQ(plistlib("check", piped), 0);
   // Standard input may be empty or garbage: a usage error, nothing on standard output.
-  CliResult bad = runCli({"plist", "convert", "--format", "binary", "-", "-"}, "garbage");
+  RunResult bad =
+      runCli({"plist", "convert", "--format", "binary", "-", "-"}, {.input = "garbage"});
   EXPECT_EQ(bad.status, 2);
   EXPECT_EQ(bad.out, "");
   EXPECT_TRUE(isOneErrorLine(bad)) << bad.err;
@@ -86,7 +87,7 @@ TEST_F(CliPlistTest, DashMeansStandardInputAndOutput) {
 TEST_F(CliPlistTest, PrintWritesTheRootValuesDescription) {
   std::string xml = root_.at("/in.plist");
   ASSERT_EQ(plistlib("xml", xml), 0);
-  CliResult r = runCli({"plist", "print", xml});
+  RunResult r = runCli({"plist", "print", xml});
   ASSERT_EQ(r.status, 0) << r.err;
   gw::plist::ReadResult value = gw::plist::readPropertyListFile(xml);
   ASSERT_TRUE(value) << value.error;
@@ -97,7 +98,7 @@ TEST_F(CliPlistTest, PrintWritesTheRootValuesDescription) {
 TEST_F(CliPlistTest, WriteFailureLeavesNoFileBehind) {
   std::string xml = root_.at("/in.plist");
   ASSERT_EQ(plistlib("xml", xml), 0);
-  CliResult r = runCli({"plist", "convert", "--format", "xml", xml, root_.at("/no/out")});
+  RunResult r = runCli({"plist", "convert", "--format", "xml", xml, root_.at("/no/out")});
   EXPECT_EQ(r.status, 2);
   EXPECT_TRUE(isOneErrorLine(r)) << r.err;
   EXPECT_FALSE(gw::fs::exists(root_.at("/no")));
@@ -111,7 +112,7 @@ TEST(CliPlistUsageTest, UnreadableInputLeavesNoOutputFile) {
   std::string fresh = root.at("/fresh.plist");
   for (const std::string& input : {garbage, root.at("/missing.plist"), root.makeFolder("/dir")}) {
     for (const std::string& output : {fresh, kept}) {
-      CliResult r = runCli({"plist", "convert", "--format", "xml", input, output});
+      RunResult r = runCli({"plist", "convert", "--format", "xml", input, output});
       EXPECT_EQ(r.status, 2) << input;
       EXPECT_TRUE(isOneErrorLine(r)) << r.err;
       EXPECT_NE(r.err.find(input), std::string::npos) << r.err;
@@ -134,7 +135,7 @@ TEST(CliPlistUsageTest, BadUsageIsExitTwoWithOneLine) {
       {"no-such-command"},
   };
   for (const auto& args : cases) {
-    CliResult r = runCli(args);
+    RunResult r = runCli(args);
     EXPECT_EQ(r.status, 2) << (args.empty() ? "" : args.back());
     EXPECT_TRUE(isOneErrorLine(r)) << r.err;
     EXPECT_EQ(r.out, "");

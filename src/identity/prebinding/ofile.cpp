@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "identity/prebinding/arch_names.h"
+#include "platform/mach/unique_fd.h"
 
 namespace gw::macho {
 namespace {
@@ -16,21 +17,6 @@ namespace {
 std::string malformed(const std::string& what) {
   return "truncated or malformed object (" + what + ")";
 }
-
-// A descriptor that closes itself.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 bool hasMachOMagic(std::span<const std::uint8_t> bytes) {
   if (bytes.size() < 4) return false;
@@ -223,7 +209,7 @@ bool ofile_map(const std::string& path, OFile& ofile, std::string& error) {
     error = "can't open file: " + path + " (" + std::strerror(errno) + ")";
     return false;
   }
-  FileDescriptor file(fd);
+  mach::UniqueFd file(fd);
   struct stat info;
   if (::fstat(fd, &info) != 0) {
     error = "can't stat file: " + path + " (" + std::strerror(errno) + ")";

@@ -12,26 +12,10 @@
 #include "identity/prebinding/prebinding_state.h"
 #include "identity/prebinding/resource_fork.h"
 #include "identity/prebinding/unprebind_arch.h"
+#include "platform/mach/unique_fd.h"
 
 namespace gw::macho {
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() { close(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-  int close() {
-    int result = fd_ >= 0 ? ::close(fd_) : 0;
-    fd_ = -1;
-    return result;
-  }
-
- private:
-  int fd_;
-};
 
 bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
   std::size_t done = 0;
@@ -55,8 +39,8 @@ bool writeNewFile(const std::string& path, const std::vector<std::uint8_t>& byte
     system_error("can't create output file: %s", path.c_str());
     return false;
   }
-  Descriptor file(fd);
-  if (!writeAll(fd, bytes) || ::fsync(fd) != 0 || file.close() != 0) {
+  mach::UniqueFd file(fd);
+  if (!writeAll(fd, bytes) || ::fsync(fd) != 0 || ::close(file.release()) != 0) {
     system_error("can't write output file: %s", path.c_str());
     ::unlink(path.c_str());
     return false;

@@ -2,30 +2,16 @@
 
 #include <dirent.h>
 #include <gatewise/log.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <memory>
+
+#include "platform/fs/file_info.h"
 
 namespace gw::bundle {
 namespace {
 
 constexpr std::string_view kLprojSuffix = ".lproj";
-
-bool isFolder(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool isFile(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-bool exists(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0;
-}
 
 std::string lastComponent(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
@@ -50,7 +36,7 @@ bool isComponent(std::string_view name) {
 }
 
 plist::DictionaryRef readInfoDictionary(const std::string& file) {
-  if (!isFile(file)) return nullptr;
+  if (!fs::isRegularFile(file)) return nullptr;
   plist::ReadResult result = plist::readPropertyListFile(file);
   if (!result || !result.value->isDictionary()) {
     GW_LOG(1, "*** Couldn't read info dictionary %s: %s", file.c_str(),
@@ -65,12 +51,12 @@ plist::DictionaryRef readInfoDictionary(const std::string& file) {
 BundleRef Bundle::open(const std::string& rawPath) {
   std::string path = rawPath;
   while (path.size() > 1 && path.back() == '/') path.pop_back();
-  if (path.empty() || !exists(path)) return nullptr;
+  if (path.empty() || !fs::exists(path)) return nullptr;
   auto bundle = std::shared_ptr<Bundle>(new Bundle());
   bundle->path_ = path;
-  if (!isFolder(path)) {
+  if (!fs::isDirectory(path)) {
     bundle->bareFile_ = true;
-  } else if (isFolder(path + "/Contents")) {
+  } else if (fs::isDirectory(path + "/Contents")) {
     bundle->contentsLayout_ = true;
     bundle->contents_ = path + "/Contents";
     bundle->resources_ = bundle->contents_ + "/Resources";
@@ -84,7 +70,7 @@ BundleRef Bundle::open(const std::string& rawPath) {
 }
 
 BundleRef Bundle::openWithExecutableIfLooksLikeBundle(const std::string& executablePath) {
-  if (!isFile(executablePath)) return nullptr;
+  if (!fs::isRegularFile(executablePath)) return nullptr;
   std::string macos = parentOf(executablePath);
   std::string contents = parentOf(macos);
   if (lastComponent(macos) != "MacOS" || lastComponent(contents) != "Contents") return nullptr;
@@ -113,7 +99,7 @@ std::string Bundle::executablePath() const {
       infoString("CFBundleExecutable").value_or(withoutExtension(lastComponent(path_)));
   if (!isComponent(name)) return {};
   std::string executable = folder + "/" + name;
-  return isFile(executable) ? executable : std::string();
+  return fs::isRegularFile(executable) ? executable : std::string();
 }
 
 std::vector<std::string> Bundle::localizations() const {
@@ -124,7 +110,7 @@ std::vector<std::string> Bundle::localizations() const {
   while (dirent* entry = ::readdir(dir.get())) {
     std::string_view name = entry->d_name;
     if (name.size() <= kLprojSuffix.size() || !name.ends_with(kLprojSuffix)) continue;
-    if (!isFolder(resources_ + "/" + std::string(name))) continue;
+    if (!fs::isDirectory(resources_ + "/" + std::string(name))) continue;
     names.emplace_back(name.substr(0, name.size() - kLprojSuffix.size()));
   }
   std::sort(names.begin(), names.end());
@@ -144,7 +130,7 @@ std::string Bundle::pathForResourceInLocalization(std::string_view name, std::st
   if (!type.empty()) file += "." + std::string(type);
   std::string path =
       resources_ + "/" + std::string(localization) + std::string(kLprojSuffix) + "/" + file;
-  return isFile(path) ? path : std::string();
+  return fs::isRegularFile(path) ? path : std::string();
 }
 
 std::string Bundle::pathForResource(std::string_view name, std::string_view type,
@@ -153,7 +139,8 @@ std::string Bundle::pathForResource(std::string_view name, std::string_view type
   std::string file(name);
   if (!type.empty()) file += "." + std::string(type);
   if (!isComponent(file)) return {};
-  if (std::string unlocalized = resources_ + "/" + file; isFile(unlocalized)) return unlocalized;
+  if (std::string unlocalized = resources_ + "/" + file; fs::isRegularFile(unlocalized))
+    return unlocalized;
   std::vector<std::string> order = preferredLocalizations(languages);
   order.push_back(developmentRegion());
   for (const std::string& localization : order) {

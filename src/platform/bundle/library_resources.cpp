@@ -1,9 +1,10 @@
 #include "platform/bundle/library_resources.h"
 
 #include <dlfcn.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
+
+#include "platform/fs/file_info.h"
 
 #ifndef GATEWISE_RESOURCE_DIR
 #define GATEWISE_RESOURCE_DIR "/usr/share/gatewise"
@@ -11,16 +12,6 @@
 
 namespace gw::bundle {
 namespace {
-
-bool isFolder(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool isFile(const std::string& path) {
-  struct stat st;
-  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
 
 std::string parentOf(const std::string& path) {
   std::size_t slash = path.rfind('/');
@@ -38,7 +29,7 @@ std::string folderBesideInstalledLibrary() {
   std::string libraryFolder = parentOf(info.dli_fname);
   for (const char* up : {"/../share/gatewise", "/../../share/gatewise"}) {
     std::string candidate = libraryFolder + up;
-    if (isFolder(candidate)) return candidate;
+    if (fs::isDirectory(candidate)) return candidate;
   }
   return {};
 }
@@ -61,7 +52,7 @@ std::string libraryResourcePath(std::string_view name, std::string_view type,
     if (language.empty() || language.find('/') != std::string::npos || language == "..") continue;
     std::string path = folder + "/" + language + ".lproj/" + std::string(name);
     if (!type.empty()) path += "." + std::string(type);
-    if (isFile(path)) return path;
+    if (fs::isRegularFile(path)) return path;
   }
   return {};
 }

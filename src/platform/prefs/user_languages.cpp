@@ -1,8 +1,9 @@
 #include "platform/prefs/user_languages.h"
 
-#include <pwd.h>
+#include <optional>
 
 #include "platform/fs/file_io.h"
+#include "platform/fs/paths.h"
 #include "platform/fs/root.h"
 
 namespace gw::prefs {
@@ -51,16 +52,6 @@ std::vector<std::string> languageList(std::string_view value) {
   return languages;
 }
 
-std::string homeFolderOf(const std::string& userName) {
-  struct passwd entry, *found = nullptr;
-  char buffer[4096];
-  if (::getpwnam_r(userName.c_str(), &entry, buffer, sizeof buffer, &found) != 0 || !found ||
-      !found->pw_dir || found->pw_dir[0] != '/') {
-    return {};
-  }
-  return found->pw_dir;
-}
-
 }  // namespace
 
 std::vector<std::string> copyUserLanguages(std::string_view userName) {
@@ -71,10 +62,10 @@ std::vector<std::string> copyUserLanguages(std::string_view userName) {
     auto languages = languageList(valueOf(*record, "User", "Language"));
     if (!languages.empty()) return languages;
   }
-  std::string home = homeFolderOf(name);
-  if (home.empty()) return {};
+  std::optional<std::string> home = fs::homeFolderForUserName(name);
+  if (!home || !home->starts_with('/')) return {};
   auto localeConf =
-      fs::readFile(fs::rootedPath(home + "/.config/locale.conf"), kMaxSettingsFileSize);
+      fs::readFile(fs::rootedPath(*home + "/.config/locale.conf"), kMaxSettingsFileSize);
   if (!localeConf) return {};
   auto languages = languageList(valueOf(*localeConf, "", "LANGUAGE"));
   if (languages.empty()) languages = languageList(valueOf(*localeConf, "", "LANG"));

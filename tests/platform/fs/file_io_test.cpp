@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/child_process.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 
 namespace gw::fs {

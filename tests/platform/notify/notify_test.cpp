@@ -67,9 +67,8 @@ TEST(NotifyTest, ThisProcessSeesAPostFromTheCommandLineWithItsUserInfoIntact) {
   auto any = addObserver("Gamma", "", [&](const Notification& n) { seen.push_back(n); });
   auto onlyOther = addObserver("Gamma", "other", [&](const Notification& n) { seen.push_back(n); });
   ASSERT_TRUE(any && onlyOther);
-  auto posted = gwtest::runProcess(
-      {GATEWISE_TEST_CLI, "notify", "post", "Gamma", "--object", "obj", "--user-info", file});
-  ASSERT_EQ(posted.exitStatus, 0) << posted.err;
+  auto posted = gwtest::runCli({"notify", "post", "Gamma", "--object", "obj", "--user-info", file});
+  ASSERT_EQ(posted.status, 0) << posted.err;
   ASSERT_TRUE(runLoopUntil([&] { return !seen.empty(); }));
   EXPECT_EQ(seen[0].name, "Gamma");
   EXPECT_EQ(seen[0].object, "obj");

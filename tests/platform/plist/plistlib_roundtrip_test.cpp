@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "support/plistlib.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 
 namespace gw::plist {
@@ -31,7 +32,7 @@ class PlistlibRoundTripTest : public testing::TestWithParam<Format> {
     auto gen = gwtest::runPythonScript(
         "plistlib_tool.py", {"generate", dir_, std::to_string(kDocuments), formatName(GetParam()),
                              std::to_string(GetParam() == Format::XML ? 1 : 2)});
-    ASSERT_EQ(gen.exitStatus, 0) << gen.output;
+    ASSERT_EQ(gen.status, 0) << gen.err;
   }
 
   std::string path(int i, std::string_view suffix) const {
@@ -58,7 +59,7 @@ TEST_P(PlistlibRoundTripTest, ReadsWhatPlistlibWritesAndPlistlibReadsWhatWeWrite
   }
   auto compared = gwtest::runPythonScript("plistlib_tool.py",
                                           {"compare", dir_, std::to_string(kDocuments), "ours"});
-  EXPECT_EQ(compared.exitStatus, 0) << compared.output;
+  EXPECT_EQ(compared.status, 0) << compared.out << compared.err;
 }
 
 // plistutil reads what we write and re-encodes it as binary for plistlib to compare. Its XML
@@ -71,12 +72,12 @@ TEST_P(PlistlibRoundTripTest, PlistutilReadsWhatWeWrite) {
     ASSERT_TRUE(writePropertyListFile(path(i, "ours"), *r.value, GetParam()));
     auto converted = gwtest::runProgram(
         {"plistutil", "-i", path(i, "ours"), "-o", path(i, "plistutil"), "-f", "bin"});
-    ASSERT_EQ(converted.exitStatus, 0) << "document " << i;
+    ASSERT_EQ(converted.status, 0) << "document " << i << ": " << converted.err;
   }
   auto compared = gwtest::runPythonScript(
       "plistlib_tool.py",
       {"compare", dir_, std::to_string(kDocuments), "plistutil", "--ints-mod-64"});
-  EXPECT_EQ(compared.exitStatus, 0) << compared.output;
+  EXPECT_EQ(compared.status, 0) << compared.out << compared.err;
 }
 
 INSTANTIATE_TEST_SUITE_P(BothEncodings, PlistlibRoundTripTest,

@@ -1,23 +1,13 @@
 #include "platform/time/local_time.h"
 
 #include <gtest/gtest.h>
-#include <time.h>
 
 #include "support/time_zone.h"
 
 namespace gw::time {
 namespace {
 
-plist::Date utc(int year, int month, int day, int hour, int minute, int second = 0) {
-  struct tm parts {};
-  parts.tm_year = year - 1900;
-  parts.tm_mon = month - 1;
-  parts.tm_mday = day;
-  parts.tm_hour = hour;
-  parts.tm_min = minute;
-  parts.tm_sec = second;
-  return plist::Date::fromUnixTime(double(timegm(&parts)));
-}
+using gwtest::utc;
 
 TEST(LocalTimeTest, ComponentsFollowTheZoneAndKeepTheFraction) {
   gwtest::ScopedTimeZone zone("America/New_York");
