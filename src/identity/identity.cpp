@@ -23,7 +23,7 @@
 #include "identity/identity_buffer.h"
 #include "identity/prebinding_lock.h"
 #include "platform/digest/digest.h"
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 const char* const kMorvaneDoublePrefix = "._";
 const int32_t kMorvaneDoublePrefixLength = 2;
@@ -81,7 +81,7 @@ std::int32_t pushSidecarResourceFork(IdentityBuffer& buffer, const std::string& 
   std::size_t slash = path.rfind('/');
   std::size_t nameAt = slash == std::string::npos ? 0 : slash + 1;
   std::string sidecar = path.substr(0, nameAt) + kMorvaneDoublePrefix + path.substr(nameAt);
-  mach::UniqueFd file(openReadOnly(sidecar.c_str()));
+  fs::UniqueFd file(openReadOnly(sidecar.c_str()));
   if (file.get() < 0) return 0;
   std::uint8_t header[26];
   if (fdread(file.get(), header, sizeof header, 0) != ssize_t(sizeof header)) return 0;
@@ -108,7 +108,7 @@ std::int32_t pushResourceFork(IdentityBuffer& buffer, const std::string& path) {
   struct stat info;
   if (::lstat(fork.c_str(), &info) == 0) {
     if (info.st_size <= 0) return 0;
-    mach::UniqueFd file(openReadOnly(fork.c_str()));
+    fs::UniqueFd file(openReadOnly(fork.c_str()));
     if (file.get() < 0) return 0;
     return _BufferPushMD5FromFile(&buffer, file.get(), kToEndOfFile);
   }
@@ -164,7 +164,7 @@ void feedShape(digest::Digest& shape, const FTSENT* entry) {
 std::int32_t hashEntry(IdentityBuffer& buffer, const FTSENT* entry) {
   switch (entry->fts_info) {
     case FTS_F: {
-      mach::UniqueFd file(openReadOnly(entry->fts_accpath));
+      fs::UniqueFd file(openReadOnly(entry->fts_accpath));
       if (file.get() < 0) return kOther;
       std::int32_t status = pushResourceFork(buffer, entry->fts_path);
       if (status != 0) return status;

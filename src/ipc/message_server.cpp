@@ -19,7 +19,7 @@ namespace gw::ipc {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using mach::UniqueFd;
+using fs::UniqueFd;
 
 constexpr std::uint64_t kMaxFrame = kMaxRequestSize + mach::kMaxRegionBytes;
 

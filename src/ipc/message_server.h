@@ -16,7 +16,7 @@
 #include <string>
 
 #include "ipc/dispatcher.h"
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 namespace gw::ipc {
 
@@ -39,13 +39,13 @@ class MessageServer {
   std::size_t openConnections() const { return open_.load(); }
 
  private:
-  MessageServer(std::string path, const Dispatcher& dispatcher, mach::UniqueFd listener,
-                mach::UniqueFd epoll, mach::UniqueFd wake);
+  MessageServer(std::string path, const Dispatcher& dispatcher, fs::UniqueFd listener,
+                fs::UniqueFd epoll, fs::UniqueFd wake);
   struct Loop;
 
   std::string path_;
   const Dispatcher& dispatcher_;
-  mach::UniqueFd listener_, epoll_, wake_;
+  fs::UniqueFd listener_, epoll_, wake_;
   std::atomic<bool> stopping_{false};
   std::atomic<std::size_t> open_{0};
 };

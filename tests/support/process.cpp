@@ -11,14 +11,14 @@
 #include <cerrno>
 #include <stdexcept>
 
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 extern char** environ;
 
 namespace gwtest {
 namespace {
 
-using Fd = gw::mach::UniqueFd;
+using Fd = gw::fs::UniqueFd;
 
 struct Pipe {
   Fd read, write;

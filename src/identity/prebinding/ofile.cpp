@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "identity/prebinding/arch_names.h"
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 namespace gw::macho {
 namespace {
@@ -209,7 +209,7 @@ bool ofile_map(const std::string& path, OFile& ofile, std::string& error) {
     error = "can't open file: " + path + " (" + std::strerror(errno) + ")";
     return false;
   }
-  mach::UniqueFd file(fd);
+  fs::UniqueFd file(fd);
   struct stat info;
   if (::fstat(fd, &info) != 0) {
     error = "can't stat file: " + path + " (" + std::strerror(errno) + ")";

@@ -12,7 +12,7 @@
 #include "identity/prebinding/prebinding_state.h"
 #include "identity/prebinding/resource_fork.h"
 #include "identity/prebinding/unprebind_arch.h"
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 namespace gw::macho {
 namespace {
@@ -39,7 +39,7 @@ bool writeNewFile(const std::string& path, const std::vector<std::uint8_t>& byte
     system_error("can't create output file: %s", path.c_str());
     return false;
   }
-  mach::UniqueFd file(fd);
+  fs::UniqueFd file(fd);
   if (!writeAll(fd, bytes) || ::fsync(fd) != 0 || ::close(file.release()) != 0) {
     system_error("can't write output file: %s", path.c_str());
     ::unlink(path.c_str());

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 namespace gw::fs {
 namespace {
@@ -30,7 +30,7 @@ std::string folderOf(const std::string& path) {
 std::optional<std::string> readFile(const std::string& path, std::size_t maxSize,
                                     std::string* error) {
   // O_NONBLOCK so that opening a FIFO cannot wait for a writer; it is refused below anyway.
-  mach::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  fs::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (fd.get() < 0) {
     fail(error, "cannot open", path, errno);
     return std::nullopt;
@@ -77,7 +77,7 @@ std::optional<std::string> readFile(const std::string& path, std::size_t maxSize
 bool writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode,
                          std::string* error) {
   std::string temp = path + ".XXXXXX";
-  mach::UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
+  fs::UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
   if (fd.get() < 0) return fail(error, "cannot create a temporary file for", path, errno);
   auto discard = [&](const char* what) {
     int err = errno;
@@ -97,7 +97,7 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, mode_t
   if (::fsync(fd.get()) != 0) return discard("cannot sync");
   if (::close(fd.release()) != 0) return discard("cannot close");
   if (::rename(temp.c_str(), path.c_str()) != 0) return discard("cannot rename over");
-  mach::UniqueFd folder(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  fs::UniqueFd folder(::open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (folder.get() >= 0) ::fsync(folder.get());
   return true;
 }

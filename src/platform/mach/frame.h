@@ -20,7 +20,11 @@
 #include <span>
 #include <vector>
 
+#include "platform/fs/unique_fd.h"
+
 namespace gw::mach {
+
+using fs::UniqueFd;
 
 // Out-of-line bytes a single frame may carry besides its message.
 inline constexpr std::size_t kMaxRegionBytes = std::size_t(64) << 20;
@@ -65,7 +69,6 @@ std::optional<std::vector<Descriptor>> checkFrame(std::span<const std::uint8_t> 
 // out-of-line region its own allocation (released with vm_deallocate) and each port descriptor
 // the descriptor that came with it (taken from fds). MACH_RCV_INVALID_DATA for a malformed frame,
 // MACH_RCV_TOO_LARGE when the message does not fit; nothing is allocated then.
-class UniqueFd;
 mach_msg_return_t deliverFrame(std::span<const std::uint8_t> body, std::vector<UniqueFd>& fds,
                                mach_msg_header_t* msg, mach_msg_size_t rcv_size);
 

@@ -10,9 +10,11 @@
 
 #include <string>
 
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 namespace gw::mach {
+
+using fs::UniqueFd;
 
 // The socket path a service port stands for; empty when the name is not a service port.
 std::string servicePathForPort(mach_port_t port);

@@ -16,9 +16,11 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/mach/unique_fd.h"
+#include "platform/fs/unique_fd.h"
 
 namespace gw::mach {
+
+using fs::UniqueFd;
 
 // A point in time after which a wait gives up; Deadline::never() waits for ever.
 class Deadline {

@@ -1,11 +1,12 @@
-// An owned file descriptor, closed when the object goes away. Move-only.
+// An owned file descriptor, closed when the object goes away. Move-only; one owner, one thread
+// at a time.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace gw::mach {
+namespace gw::fs {
 
 class UniqueFd {
  public:
@@ -32,4 +33,4 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace gw::mach
+}  // namespace gw::fs
