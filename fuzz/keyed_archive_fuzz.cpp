@@ -8,11 +8,13 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <set>
 
 namespace {
 
-void useItems(const gw::plist::Value& v, unsigned depth) {
-  if (depth > 8) return;
+// Each container once: an archive may reference one array from many places, so a plain walk of
+// the decoded graph could take exponential time.
+void useItems(const gw::plist::Value& v, std::set<const void*>& seen) {
   if (auto item = v.ifObject<gw::GWStatusItem>()) {
     (void)item->title();
     (void)item->message();
@@ -22,9 +24,11 @@ void useItems(const gw::plist::Value& v, unsigned depth) {
     return;
   }
   if (auto* array = v.ifArray()) {
-    for (const gw::plist::Value& x : *array) useItems(x, depth + 1);
+    if (!seen.insert(array).second) return;
+    for (const gw::plist::Value& x : *array) useItems(x, seen);
   } else if (auto* dictionary = v.ifDictionary()) {
-    for (const auto& [key, x] : *dictionary) useItems(x, depth + 1);
+    if (!seen.insert(dictionary).second) return;
+    for (const auto& [key, x] : *dictionary) useItems(x, seen);
   }
 }
 
@@ -39,7 +43,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   gw::plist::Value root = gw::archive::unarchiveObjectWithData({data, size});
   if (root.isNull()) return 0;
-  useItems(root, 0);
+  std::set<const void*> seen;
+  useItems(root, seen);
   std::vector<std::uint8_t> again = gw::archive::archivedDataWithRootObject(root);
   if (again.empty() || gw::archive::unarchiveObjectWithData(again).isNull()) std::abort();
   std::vector<std::uint8_t> xml =
