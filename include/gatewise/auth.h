@@ -13,6 +13,10 @@
 // grants for a login override (information tag "time", a 32-bit unsigned number in host byte
 // order) can be preset by the host program with setOverrideMinutes; the default provider attaches
 // them to a granted answer. Without them, callers use their documented defaults.
+//
+// The polkit subject is the calling process. polkit grants a process running as root without
+// asking anyone, so a root host program that must have an administrator confirm (a login screen
+// running as root) installs a provider that asks about the right session or dialog instead.
 #pragma once
 
 #include <gatewise/export.h>
