@@ -183,26 +183,6 @@ TEST_F(LogindMonitorTest, LogindRestartingReplacesTheWholePicture) {
   EXPECT_NE(std::find(calls_.begin() + 1, calls_.end(), 1000u), calls_.end());
 }
 
-// Sets an environment variable for one scope.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : name_(name) {
-    if (const char* old = std::getenv(name)) previous_ = old;
-    ::setenv(name, value, 1);
-  }
-  ~ScopedEnv() {
-    if (previous_) {
-      ::setenv(name_, previous_->c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> previous_;
-};
-
 TEST_F(LogindMonitorTest, SourceCanBeForcedEitherWay) {
   gwtest::TempRoot root;
   utmpx login;
@@ -213,12 +193,12 @@ TEST_F(LogindMonitorTest, SourceCanBeForcedEitherWay) {
   standin_->addSession(session("1", 1000));
 
   {
-    ScopedEnv force("GATEWISE_SESSION_SOURCE", "utmpx");
+    gwtest::ScopedEnvironment force("GATEWISE_SESSION_SOURCE", "utmpx");
     auto monitor = makeSessionMonitor(loop_, bus_.get(), [](uid_t) {});
     EXPECT_EQ(monitor->users(), std::vector<uid_t>{0});
   }
   {
-    ScopedEnv force("GATEWISE_SESSION_SOURCE", "logind");
+    gwtest::ScopedEnvironment force("GATEWISE_SESSION_SOURCE", "logind");
     auto monitor = makeSessionMonitor(loop_, bus_.get(), [](uid_t) {});
     EXPECT_TRUE(
         gwtest::runLoopUntil(loop_, [&] { return monitor->users() == std::vector<uid_t>{1000}; }));

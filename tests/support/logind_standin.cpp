@@ -40,6 +40,19 @@ constexpr auto kConst = SD_BUS_VTABLE_PROPERTY_CONST;
 
 }  // namespace
 
+ScopedEnvironment::ScopedEnvironment(const char* name, const char* value) : name_(name) {
+  if (const char* old = std::getenv(name)) previous_ = old;
+  ::setenv(name, value, 1);
+}
+
+ScopedEnvironment::~ScopedEnvironment() {
+  if (previous_) {
+    ::setenv(name_.c_str(), previous_->c_str(), 1);
+  } else {
+    ::unsetenv(name_.c_str());
+  }
+}
+
 // The vtables name the stand-in's private handlers, so they live in a friend.
 struct LogindStandinVtables {
   static const sd_bus_vtable* manager() {

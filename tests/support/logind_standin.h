@@ -22,6 +22,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,19 @@ namespace gwtest {
 // True as soon as condition() holds (checked before each wait); false after timeout.
 bool runLoopUntil(sd_event* loop, const std::function<bool()>& condition,
                   std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Sets an environment variable for one scope and restores the previous state afterwards.
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(const char* name, const char* value);
+  ~ScopedEnvironment();
+  ScopedEnvironment(const ScopedEnvironment&) = delete;
+  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> previous_;
+};
 
 class LogindStandin {
  public:
