@@ -64,7 +64,8 @@ class LogindMonitor final : public SessionMonitor {
         {&kOwnerRule, onOwnerChanged}};
     for (const auto& [rule, handler] : rules) {
       sd_bus_slot* slot = nullptr;
-      if (int r = sd_bus_add_match_async(bus_, &slot, rule->c_str(), handler, nullptr, this);
+      if (int r =
+              sd_bus_add_match_async(bus_, &slot, rule->c_str(), handler, onMatchInstalled, this);
           r < 0) {
         GW_LOG(0, "*** cannot subscribe to logind's signals: %s", std::strerror(-r));
         return false;
@@ -213,6 +214,15 @@ class LogindMonitor final : public SessionMonitor {
     if (previous && previous->contributes()) affected.insert(previous->state->uid);
     if (next && next->contributes()) affected.insert(next->state->uid);
     for (uid_t uid : affected) listener_(uid);
+  }
+
+  // Without this callback a refused subscription would close the whole connection.
+  static int onMatchInstalled(sd_bus_message* reply, void*, sd_bus_error*) {
+    if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
+      GW_LOG(0, "*** the system bus refused a subscription to logind's signals: %s",
+             error->message ? error->message : "");
+    }
+    return 0;
   }
 
   static int onManagerSignal(sd_bus_message* message, void* userdata, sd_bus_error*) {

@@ -128,6 +128,20 @@ TEST_F(LogindMonitorTest, SessionsAppearGoIdleLockAndGoAway) {
   EXPECT_TRUE(monitor_->users().empty());
 }
 
+TEST_F(LogindMonitorTest, GreetersAndSessionsGoneBeforeReadAnnounceNothing) {
+  start();
+  auto greeter = session("c2", 990);
+  greeter.sessionClass = "greeter";
+  standin_->addSession(greeter);
+  standin_->addSession(session("9", 1002));  // gone before the monitor can read it
+  standin_->removeSession("9");
+  standin_->addSession(session("10", 1000));
+  ASSERT_EQ(nextCall(), 1000u);
+  EXPECT_EQ(calls_, std::vector<uid_t>{1000});
+  EXPECT_EQ(monitor_->users(), std::vector<uid_t>{1000});
+  EXPECT_EQ(monitor_->sessionsOf(1002), kAway);
+}
+
 TEST_F(LogindMonitorTest, SignalsForgedByOtherClientsAreIgnored) {
   std::string path = standin_->addSession(session("7", 1000));
   // Another part of the daemon listening broadly on the same connection: the bus then delivers

@@ -14,6 +14,7 @@
 
 #include "daemon/sessions/session_monitor.h"
 #include "daemon/sessions/utmp_records.h"
+#include "support/log_capture.h"
 #include "support/logind_standin.h"
 #include "support/temp_root.h"
 
@@ -148,6 +149,13 @@ TEST_F(UtmpMonitorTest, DefaultPathIsBelowTheSystemRoot) {
   auto monitor = makeSessionMonitor(loop_, nullptr, [](uid_t) {});
   ASSERT_NE(monitor, nullptr);
   EXPECT_EQ(monitor->users(), std::vector<uid_t>{daemonUid_});
+
+  // A folder that is not there cannot be watched: logged, and nobody is logged in.
+  gwtest::LogCapture log(0);
+  auto unwatched = makeUtmpMonitor(loop_, root_.at("/nowhere/utmp"), [](uid_t) {});
+  ASSERT_NE(unwatched, nullptr);
+  EXPECT_TRUE(unwatched->users().empty());
+  EXPECT_TRUE(log.contains("cannot watch"));
 }
 
 }  // namespace
