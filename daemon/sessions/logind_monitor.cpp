@@ -25,18 +25,19 @@ using logind::SessionState;
 constexpr std::size_t kMaxSessions = 4096;
 constexpr const char* kBusDriver = "org.freedesktop.DBus";
 
-const std::string kSessionSignalRule = std::string("type='signal',sender='") + logind::kService +
-                                       "',path='" + logind::kManagerPath + "',interface='" +
-                                       logind::kManagerInterface + "'";
-const std::string kPropertiesRule =
-    std::string("type='signal',sender='") + logind::kService +
-    "',interface='org.freedesktop.DBus.Properties',member='PropertiesChanged',path_namespace='" +
-    logind::kSessionPathPrefix + "',arg0='" + logind::kSessionInterface + "'";
-const std::string kOwnerRule =
-    std::string("type='signal',sender='") + kBusDriver +
-    "',path='/org/freedesktop/DBus',interface='org.freedesktop.DBus',member='NameOwnerChanged',"
-    "arg0='" +
-    logind::kService + "'";
+// What the monitor subscribes to. The bus routes a signal only from the owner of the sender name
+// given, but a broader match elsewhere on a shared connection can still let others' in (see
+// fromLogind).
+constexpr const char* kSessionSignalRule =
+    "type='signal',sender='org.freedesktop.login1',path='/org/freedesktop/login1',"
+    "interface='org.freedesktop.login1.Manager'";
+constexpr const char* kPropertiesRule =
+    "type='signal',sender='org.freedesktop.login1',interface='org.freedesktop.DBus.Properties',"
+    "member='PropertiesChanged',path_namespace='/org/freedesktop/login1/session',"
+    "arg0='org.freedesktop.login1.Session'";
+constexpr const char* kOwnerRule =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+    "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.freedesktop.login1'";
 
 struct TrackedSession {
   std::optional<SessionState> state;  // nullopt until its properties have been read
@@ -58,14 +59,13 @@ class LogindMonitor final : public SessionMonitor {
   // Subscribes, then asks who owns logind's name; the list is read once that is known. The bus
   // handles the calls in order, so the subscriptions are in force before the list is read.
   bool start() {
-    const std::pair<const std::string*, sd_bus_message_handler_t> rules[] = {
-        {&kSessionSignalRule, onManagerSignal},
-        {&kPropertiesRule, onPropertiesChanged},
-        {&kOwnerRule, onOwnerChanged}};
+    const std::pair<const char*, sd_bus_message_handler_t> rules[] = {
+        {kSessionSignalRule, onManagerSignal},
+        {kPropertiesRule, onPropertiesChanged},
+        {kOwnerRule, onOwnerChanged}};
     for (const auto& [rule, handler] : rules) {
       sd_bus_slot* slot = nullptr;
-      if (int r =
-              sd_bus_add_match_async(bus_, &slot, rule->c_str(), handler, onMatchInstalled, this);
+      if (int r = sd_bus_add_match_async(bus_, &slot, rule, handler, onMatchInstalled, this);
           r < 0) {
         GW_LOG(0, "*** cannot subscribe to logind's signals: %s", std::strerror(-r));
         return false;
