@@ -24,12 +24,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "gatewise/log.h"
 #include "gatewise/prebinding.h"
 #include "identity/identity_buffer.h"
+#include "identity/prebinding/ofile.h"
+#include "identity/prebinding/resource_fork.h"
 #include "identity/prebinding_lock.h"
 #include "platform/digest/digest.h"
 #include "platform/fs/unique_fd.h"
@@ -162,26 +165,48 @@ std::int32_t pushResourceFork(IdentityBuffer& buffer, const Location& entry,
   return kOther;
 }
 
+// The whole file behind fd, for unprebinding from memory; nullopt when it cannot be read whole.
+std::optional<std::vector<std::uint8_t>> readWhole(int fd) {
+  struct stat info;
+  if (::fstat(fd, &info) != 0 || std::uint64_t(info.st_size) > macho::kMaxObjectFileSize) {
+    return std::nullopt;
+  }
+  std::vector<std::uint8_t> bytes(std::size_t(info.st_size));
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = fdread(fd, bytes.data() + done, bytes.size() - done, off_t(done));
+    if (n <= 0) return std::nullopt;
+    done += std::size_t(n);
+  }
+  return bytes;
+}
+
 // A big-endian thin Mach-O image is hashed without its prebinding; anything else byte for byte.
+// The image is unprebound from the bytes of the descriptor already checked, never by opening the
+// path again (which could by then name something else). A file whose sidecar holds a resource fork
+// or type and creator is refused by unprebinding, and so hashed as it is.
 std::int32_t pushDataFork(IdentityBuffer& buffer, int fd, const char* path) {
   ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   std::uint8_t header[28];
   if (fdread(fd, header, sizeof header, 0) == ssize_t(sizeof header)) {
     std::uint32_t magic = bigEndian32(header);
-    if (magic == 0xFEEDFACE || magic == 0xFEEDFACF) {
-      void* image = nullptr;
-      std::uint64_t size = 0;
-      int result;
-      {
-        std::lock_guard<std::mutex> hold(sPrebindingLock);
-        result = unprebind(path, nullptr, nullptr, nullptr, 1, nullptr, 0, &image, &size);
-      }
-      if (result == REDO_PREBINDING_SUCCESS) {
-        std::int32_t status = bufferPushMD5(buffer, image, std::size_t(size));
+    if ((magic == 0xFEEDFACE || magic == 0xFEEDFACF) && !macho::has_resource_fork(path)) {
+      if (std::optional<std::vector<std::uint8_t>> input = readWhole(fd)) {
+        void* image = nullptr;
+        std::uint64_t size = 0;
+        int result;
+        {
+          std::lock_guard<std::mutex> hold(sPrebindingLock);
+          result = unprebind(path, nullptr, nullptr, nullptr, 1, input->data(), input->size(),
+                             &image, &size);
+        }
+        if (result == REDO_PREBINDING_SUCCESS) {
+          std::int32_t status = bufferPushMD5(buffer, image, std::size_t(size));
+          std::free(image);
+          return status;
+        }
         std::free(image);
-        return status;
       }
-      std::free(image);
     }
   }
   // fdread does not move the file position, so the data fork is read from its start.
