@@ -117,6 +117,9 @@ TEST(HostileTreeTest, SidecarWorkIsBoundedByItsSize) {
 TEST(HostileTreeTest, AnEntrySwappedForALinkIsNotFollowed) {
   gwtest::TempRoot root;
   std::string secret = root.writeFile("/secret", "the secret");
+  // Hashing "a" holds the walk for a while between listing "f" (with its type) and opening it,
+  // which is when the swapper strikes.
+  root.writeFile("/T/a", std::string(std::size_t(4) << 20, 'a'));
   root.writeFile("/T/f", "public");
   Identity asFile = identityOf(root.at("/T"));
   ASSERT_EQ(::unlink(root.at("/T/f").c_str()), 0);
@@ -145,13 +148,13 @@ TEST(HostileTreeTest, AnEntrySwappedForALinkIsNotFollowed) {
       linked = !linked;
     }
   });
-  for (int i = 0; i < 3000; ++i) {
+  for (int i = 0; i < 100; ++i) {
     Identity now = identityOf(root.at("/T"));
     if (now.status != 0) {
       EXPECT_EQ(now.status, -1);
       continue;
     }
-    ASSERT_NE(now.record, followed.record) << "the link was followed";
+    ASSERT_FALSE(now.record == followed.record) << "the link was followed";
     ASSERT_TRUE(now.record == asFile.record || now.record == asLink.record ||
                 now.record == absent.record)
         << "an identity of a state the tree was never in";
