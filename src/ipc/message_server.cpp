@@ -1,5 +1,6 @@
 #include "ipc/message_server.h"
 
+#include <fcntl.h>
 #include <gatewise/log.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -49,6 +50,38 @@ std::string serviceSocketPathFor(Service service) {
 std::unique_ptr<MessageServer> MessageServer::listen(const std::string& socketPath,
                                                      const Dispatcher& dispatcher,
                                                      std::string* error) {
+  return listen(socketPath, dispatcher, Limits{}, error);
+}
+
+std::unique_ptr<MessageServer> MessageServer::adopt(UniqueFd listener, std::string path,
+                                                    const Dispatcher& dispatcher, Limits limits,
+                                                    std::string* error) {
+  int flags = ::fcntl(listener.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(listener.get(), F_SETFL, flags | O_NONBLOCK) != 0) {
+    if (error) *error = std::string("adopt: ") + std::strerror(errno);
+    return nullptr;
+  }
+  UniqueFd epoll(::epoll_create1(EPOLL_CLOEXEC));
+  UniqueFd wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!epoll || !wake) {
+    if (error) *error = std::string("epoll: ") + std::strerror(errno);
+    return nullptr;
+  }
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.fd = listener.get();
+  ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, listener.get(), &ev);
+  ev.data.fd = wake.get();
+  ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, wake.get(), &ev);
+  auto server = std::unique_ptr<MessageServer>(new MessageServer(
+      std::move(path), dispatcher, std::move(listener), std::move(epoll), std::move(wake)));
+  server->limits_ = limits;
+  return server;
+}
+
+std::unique_ptr<MessageServer> MessageServer::listen(const std::string& socketPath,
+                                                     const Dispatcher& dispatcher, Limits limits,
+                                                     std::string* error) {
   auto failed = [&](const std::string& what) -> std::unique_ptr<MessageServer> {
     if (error) *error = what + ": " + std::strerror(errno);
     return nullptr;
@@ -81,8 +114,10 @@ std::unique_ptr<MessageServer> MessageServer::listen(const std::string& socketPa
   ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, listener.get(), &ev);
   ev.data.fd = wake.get();
   ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, wake.get(), &ev);
-  return std::unique_ptr<MessageServer>(new MessageServer(
+  auto server = std::unique_ptr<MessageServer>(new MessageServer(
       socketPath, dispatcher, std::move(listener), std::move(epoll), std::move(wake)));
+  server->limits_ = limits;
+  return server;
 }
 
 MessageServer::MessageServer(std::string path, const Dispatcher& dispatcher, UniqueFd listener,
@@ -94,6 +129,9 @@ MessageServer::MessageServer(std::string path, const Dispatcher& dispatcher, Uni
       wake_(std::move(wake)) {}
 
 MessageServer::~MessageServer() {
+  sd_event_source_disable_unref(io_);
+  sd_event_source_disable_unref(timer_);
+  loop_.reset();
   struct stat st;
   if (::lstat(path_.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) ::unlink(path_.c_str());
 }
@@ -125,7 +163,7 @@ struct MessageServer::Loop {
       int fd = ::accept4(server.listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       if (fd < 0) return;
       UniqueFd owned(fd);
-      if (connections.size() >= kMaxConnections) continue;  // closes it
+      if (connections.size() >= server.limits_.maxConnections) continue;  // closes it
       Connection c;
       ucred cred{};
       socklen_t length = sizeof cred;
@@ -234,35 +272,77 @@ struct MessageServer::Loop {
   }
 };
 
-void MessageServer::run() {
-  Loop loop{*this, {}};
+void MessageServer::serveEvents(int timeoutMs) {
+  if (!loop_) loop_.reset(new Loop{*this, {}});
+  Loop& loop = *loop_;
   epoll_event events[64];
-  while (!stopping_) {
-    int n = ::epoll_wait(epoll_.get(), events, 64, loop.nextTimeout());
-    if (n < 0 && errno != EINTR) {
-      GW_LOG(0, "*** epoll_wait failed: %s", std::strerror(errno));
-      break;
-    }
-    for (int i = 0; i < n; ++i) {
-      int fd = events[i].data.fd;
-      if (fd == listener_.get()) {
-        loop.accept();
-        continue;
-      }
-      if (fd == wake_.get()) continue;
-      auto it = loop.connections.find(fd);
-      if (it == loop.connections.end()) continue;
-      Connection& c = it->second;
-      if (!c.dispatched) {
-        loop.read(c);
-      } else if (events[i].events & EPOLLOUT) {
-        loop.finish(c);
-      } else if (events[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
-        loop.close(fd);  // the client gave up while its answer was delayed
-      }
-    }
-    loop.expire();
+  int n = ::epoll_wait(epoll_.get(), events, 64, timeoutMs);
+  if (n < 0 && errno != EINTR) {
+    GW_LOG(0, "*** epoll_wait failed: %s", std::strerror(errno));
+    stopping_ = true;
+    return;
   }
+  for (int i = 0; i < n; ++i) {
+    int fd = events[i].data.fd;
+    if (fd == listener_.get()) {
+      loop.accept();
+      continue;
+    }
+    if (fd == wake_.get()) continue;
+    auto it = loop.connections.find(fd);
+    if (it == loop.connections.end()) continue;
+    Connection& c = it->second;
+    if (!c.dispatched) {
+      loop.read(c);
+    } else if (events[i].events & EPOLLOUT) {
+      loop.finish(c);
+    } else if (events[i].events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
+      loop.close(fd);  // the client gave up while its answer was delayed
+    }
+  }
+  loop.expire();
+}
+
+void MessageServer::run() {
+  if (!loop_) loop_.reset(new Loop{*this, {}});
+  while (!stopping_) serveEvents(loop_->nextTimeout());
+}
+
+int MessageServer::attach(sd_event* loop) {
+  if (!loop_) loop_.reset(new Loop{*this, {}});
+  int r = sd_event_add_io(loop, &io_, epoll_.get(), EPOLLIN, &MessageServer::onReadable, this);
+  if (r < 0) return r;
+  r = sd_event_add_time(loop, &timer_, CLOCK_MONOTONIC, UINT64_MAX, 0, &MessageServer::onTimer,
+                        this);
+  if (r < 0) return r;
+  rearmTimer();
+  return 0;
+}
+
+int MessageServer::onReadable(sd_event_source*, int, uint32_t, void* self) {
+  auto* server = static_cast<MessageServer*>(self);
+  server->serveEvents(0);
+  server->rearmTimer();
+  return 0;
+}
+
+int MessageServer::onTimer(sd_event_source*, uint64_t, void* self) {
+  auto* server = static_cast<MessageServer*>(self);
+  server->loop_->expire();
+  server->rearmTimer();
+  return 0;
+}
+
+void MessageServer::rearmTimer() {
+  int ms = loop_->nextTimeout();
+  if (ms < 0) {
+    sd_event_source_set_enabled(timer_, SD_EVENT_OFF);
+    return;
+  }
+  std::uint64_t now = 0;
+  sd_event_now(sd_event_source_get_event(timer_), CLOCK_MONOTONIC, &now);
+  sd_event_source_set_time(timer_, now + std::uint64_t(ms) * 1000);
+  sd_event_source_set_enabled(timer_, SD_EVENT_ONESHOT);
 }
 
 }  // namespace gw::ipc

@@ -10,6 +10,8 @@
 // and removes the socket file.
 #pragma once
 
+#include <systemd/sd-event.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -25,9 +27,24 @@ class MessageServer {
   static constexpr std::chrono::milliseconds kIdleTimeout{10000};
   static constexpr std::size_t kMaxConnections = 4096;
 
+  // What one server lets its peers take.
+  struct Limits {
+    std::size_t maxConnections = kMaxConnections;
+  };
+
   // nullptr with *error set when the socket cannot be made.
   static std::unique_ptr<MessageServer> listen(const std::string& socketPath,
                                                const Dispatcher& dispatcher, std::string* error);
+  static std::unique_ptr<MessageServer> listen(const std::string& socketPath,
+                                               const Dispatcher& dispatcher, Limits limits,
+                                               std::string* error);
+  // Serves a listening socket made by someone else (socket activation); path is removed on
+  // destruction only when it names a socket.
+  static std::unique_ptr<MessageServer> adopt(fs::UniqueFd listener, std::string path,
+                                              const Dispatcher& dispatcher, Limits limits,
+                                              std::string* error);
+  // Serves as I/O and timer sources of loop instead of run(); 0 or -errno.
+  int attach(sd_event* loop);
   ~MessageServer();
   MessageServer(const MessageServer&) = delete;
   MessageServer& operator=(const MessageServer&) = delete;
@@ -42,7 +59,15 @@ class MessageServer {
   MessageServer(std::string path, const Dispatcher& dispatcher, fs::UniqueFd listener,
                 fs::UniqueFd epoll, fs::UniqueFd wake);
   struct Loop;
+  void serveEvents(int timeoutMs);
+  void rearmTimer();
+  static int onReadable(sd_event_source*, int, uint32_t, void* self);
+  static int onTimer(sd_event_source*, uint64_t, void* self);
 
+  std::unique_ptr<Loop> loop_;
+  sd_event_source* io_ = nullptr;
+  sd_event_source* timer_ = nullptr;
+  Limits limits_;
   std::string path_;
   const Dispatcher& dispatcher_;
   fs::UniqueFd listener_, epoll_, wake_;

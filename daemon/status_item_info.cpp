@@ -1,0 +1,58 @@
+#include "daemon/status_item_info.h"
+
+#include <gatewise/log.h>
+
+#include <cmath>
+
+#if __has_include(<gatewise/status.h>) && __has_include(<gatewise/archive.h>)
+#include <gatewise/archive.h>
+#include <gatewise/status.h>
+#define GW_DAEMON_HAS_STATUS_ITEMS 1
+#endif
+
+namespace gw::daemon {
+namespace {
+
+constexpr const char* kTerminationWarning = "GatewiseStatusKindTerminationWarning";
+constexpr const char* kAllowanceExceeded = "GatewiseStatusKindAllowanceExceeded";
+constexpr const char* kCurfewUnallowed = "GatewiseStatusKindCurfewUnallowed";
+constexpr int kWarningMinutes = 5;
+
+}  // namespace
+
+std::vector<StatusItemInfo> statusItemsAt(const Decision& decision, plist::Date now,
+                                          const std::string& itemName) {
+  if (!decision.allowed()) {
+    const char* kind = decision.reason == kGWLoginCurfew ? kCurfewUnallowed : kAllowanceExceeded;
+    return {{"computer-end", kind, itemName, now, now}};
+  }
+  if (!decision.end) return {};
+  double left = decision.end->secondsSinceReferenceDate - now.secondsSinceReferenceDate;
+  if (left > kWarningMinutes * 60) return {};
+  // The warning of the last whole minute passed: at 3:30 left, the 4-minute one.
+  int minutes = std::max(1, int(std::ceil(left / 60 - 1e-9)));
+  plist::Date created{decision.end->secondsSinceReferenceDate - minutes * 60};
+  return {{"computer-warning-" + std::to_string(minutes), kTerminationWarning, itemName, created,
+           *decision.end}};
+}
+
+std::vector<std::uint8_t> encodeStatusItems(const std::vector<StatusItemInfo>& items) {
+#ifdef GW_DAEMON_HAS_STATUS_ITEMS
+  auto array = plist::Array::make();
+  for (const StatusItemInfo& info : items) {
+    GWStatusItemRef item =
+        GWStatusItem::initWithName(info.itemName, std::string(kGWItemKindComputer), info.expires);
+    item->setItemID(info.itemID);
+    item->setStatusKind(info.statusKind);
+    item->setItemCreationDate(info.created);
+    array->append(plist::Value(item));
+  }
+  return archive::archivedDataWithRootObject(plist::Value(array));
+#else
+  // Keyed archives are not part of this build: no items can be sent.
+  if (!items.empty()) GW_LOG(2, "%d status items not sent: no archiver", int(items.size()));
+  return {};
+#endif
+}
+
+}  // namespace gw::daemon
