@@ -227,9 +227,13 @@ void Manager::update(User& user, plist::Date now) {
   bool allowed = decision.allowed();
   if (user.lastAllowed && *user.lastAllowed != allowed) {
     GW_LOG(1, "%s may %s log in", user.name.c_str(), allowed ? "now" : "no longer");
-    auto info = plist::Dictionary::make();
-    info->set("userName", user.name);
-    notify::postNotification(kLoginStatusChangedNotification, "", info);
+    if (options_.postLoginStatusChanged) {
+      options_.postLoginStatusChanged(user.name);
+    } else {
+      auto info = plist::Dictionary::make();
+      info->set("userName", user.name);
+      notify::postNotification(kLoginStatusChangedNotification, "", info);
+    }
   }
   user.lastAllowed = allowed;
   if (allowed) {
@@ -245,6 +249,7 @@ void Manager::update(User& user, plist::Date now) {
     if (at && (!wake || *at < *wake)) wake = at;
   };
   const ComputerLimit* limit = limits_.limitFor(user.name);
+  user.limited = limit != nullptr;
   if (limit) {
     if (!allowed) {
       consider(decision.nextAllowed);
@@ -291,7 +296,7 @@ void Manager::armTimer() {
   std::optional<plist::Date> wake;
   bool anyoneCounting = false;
   for (const auto& [uid, user] : users_) {
-    anyoneCounting = anyoneCounting || user.counting;
+    anyoneCounting = anyoneCounting || (user.counting && user.limited);
     if (user.wakeAt && (!wake || *user.wakeAt < *wake)) wake = user.wakeAt;
   }
   wakeAt_ = wake;
@@ -314,6 +319,11 @@ void Manager::armTimer() {
   }
   sd_event_source_set_time(timer_, *due);
   sd_event_source_set_enabled(timer_, SD_EVENT_ONESHOT);
+}
+
+bool Manager::timerArmed() const {
+  int enabled = SD_EVENT_OFF;
+  return sd_event_source_get_enabled(timer_, &enabled) >= 0 && enabled != SD_EVENT_OFF;
 }
 
 int Manager::onTimer(sd_event_source*, uint64_t, void* self) {

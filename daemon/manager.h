@@ -50,6 +50,8 @@ struct ManagerOptions {
   // Tests hand in their own; by default the session engineer's monitor and actions.
   std::function<std::unique_ptr<SessionMonitor>(sd_event*, SessionMonitor::Listener)> makeMonitor;
   std::function<std::unique_ptr<SessionActions>(sd_event*)> makeActions;
+  // Posts "GatewiseLoginStatusChangedNotification" for a user; by default on the system bus.
+  std::function<void(const std::string& userName)> postLoginStatusChanged;
   // false: no message server (unit tests drive the manager directly).
   bool serve = true;
 };
@@ -81,6 +83,8 @@ class Manager {
   void refresh();
   // The moment the timer is armed for (nullopt: disarmed).
   std::optional<plist::Date> nextWake() const { return wakeAt_; }
+  // Whether the timer is armed at all (a decision change or a flush is due some time).
+  bool timerArmed() const;
   // What the end actions did, per uid (tests).
   int actionsTaken(uid_t uid) const;
   // Called on clock jumps: the time before the jump is booked by the monotonic clock.
@@ -91,6 +95,7 @@ class Manager {
     uid_t uid = 0;
     std::string name;
     bool counting = false;
+    bool limited = false;  // has a computer limit in force, so its use is booked
     plist::Date countingSince;
     std::uint64_t monotonicSince = 0;
     std::optional<bool> lastAllowed;
