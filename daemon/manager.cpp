@@ -407,7 +407,7 @@ void Manager::rereadSettings(uid_t uid) {
 void Manager::saveUsage() {
   plist::Date now = options_.clock->wallNow();
   for (auto& [uid, user] : users_) book(user, now);
-  ledger_->flush();
+  if (ledger_->flush()) GW_LOG(1, "Usage saved");
 }
 
 void Manager::resetUsage(uid_t uid) {

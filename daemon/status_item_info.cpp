@@ -1,14 +1,9 @@
 #include "daemon/status_item_info.h"
 
-#include <gatewise/log.h>
-
-#include <cmath>
-
-#if __has_include(<gatewise/status.h>) && __has_include(<gatewise/archive.h>)
 #include <gatewise/archive.h>
 #include <gatewise/status.h>
-#define GW_DAEMON_HAS_STATUS_ITEMS 1
-#endif
+
+#include <cmath>
 
 namespace gw::daemon {
 namespace {
@@ -37,7 +32,6 @@ std::vector<StatusItemInfo> statusItemsAt(const Decision& decision, plist::Date 
 }
 
 std::vector<std::uint8_t> encodeStatusItems(const std::vector<StatusItemInfo>& items) {
-#ifdef GW_DAEMON_HAS_STATUS_ITEMS
   auto array = plist::Array::make();
   for (const StatusItemInfo& info : items) {
     GWStatusItemRef item =
@@ -48,11 +42,6 @@ std::vector<std::uint8_t> encodeStatusItems(const std::vector<StatusItemInfo>& i
     array->append(plist::Value(item));
   }
   return archive::archivedDataWithRootObject(plist::Value(array));
-#else
-  // Keyed archives are not part of this build: no items can be sent.
-  if (!items.empty()) GW_LOG(2, "%d status items not sent: no archiver", int(items.size()));
-  return {};
-#endif
 }
 
 }  // namespace gw::daemon
