@@ -291,9 +291,20 @@ TEST_F(DaemonEndToEndTest, UsageSurvivesKillNineAndRootMayResetIt) {
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(waitForLog("uid 4202 may not reset usage"));
   EXPECT_EQ(askLogin(kBob).seconds, 1800);
-  EXPECT_EQ(GWUtilities::fcdResetUsageDataFor(kBob), 0);
+  auto cli = [&](std::vector<std::string> args) {
+    return gwtest::runCli(args, {.environment = {{"LD_PRELOAD", kFaketime},
+                                                 {"FAKETIME_TIMESTAMP_FILE", root_.at("/faketime")},
+                                                 {"FAKETIME_NO_CACHE", "1"},
+                                                 {"TZ", "Europe/Berlin"}}});
+  };
+  gwtest::RunResult shown = cli({"usage", "4202"});
+  EXPECT_EQ(shown.status, 0) << shown.err;
+  EXPECT_EQ(shown.out, "used=1800 remaining=1800\n");
+  gwtest::RunResult reset = cli({"usage", "reset", "4202"});
+  EXPECT_EQ(reset.status, 0) << reset.err;
   ASSERT_TRUE(waitForLog("Usage of bob for today reset"));
   EXPECT_EQ(askLogin(kBob).seconds, 3600);
+  EXPECT_EQ(cli({"usage", "4202"}).out, "used=0 remaining=3600\n");
 }
 
 TEST_F(DaemonEndToEndTest, ACurfewOnTheNightClocksSpringForward) {
