@@ -80,11 +80,17 @@ bool Manager::start(std::string* error) {
     }
   }
 
+  // Sessions and end actions go through logind when it runs; without a system bus (tests, machines
+  // without systemd) through utmp and signals.
+  if (options_.serve && (!options_.makeMonitor || !options_.makeActions) &&
+      sd_bus_open_system(&systemBus_) < 0) {
+    systemBus_ = nullptr;
+  }
   auto listener = [this](uid_t uid) { sessionsChanged(uid); };
   monitor_ = options_.makeMonitor ? options_.makeMonitor(loop_, listener)
-                                  : makeSessionMonitor(loop_, nullptr, listener);
+                                  : makeSessionMonitor(loop_, systemBus_, listener);
   actions_ = options_.makeActions ? options_.makeActions(loop_)
-                                  : makeSessionActions(loop_, nullptr, std::chrono::seconds(60));
+                                  : makeSessionActions(loop_, systemBus_, std::chrono::seconds(60));
 
   if (options_.serve) {
     registerRoutines(dispatcher_, *this);
@@ -121,6 +127,7 @@ Manager::~Manager() {
   server_.reset();
   monitor_.reset();
   actions_.reset();
+  if (systemBus_) sd_bus_flush_close_unref(systemBus_);
   for (sd_event_source* s : signals_) sd_event_source_disable_unref(s);
   sd_event_source_disable_unref(timer_);
   sd_event_source_disable_unref(clockWatch_);

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
 #include <functional>
@@ -52,7 +53,7 @@ struct ManagerOptions {
   std::function<std::unique_ptr<SessionActions>(sd_event*)> makeActions;
   // Posts "GatewiseLoginStatusChangedNotification" for a user; by default on the system bus.
   std::function<void(const std::string& userName)> postLoginStatusChanged;
-  // false: no message server (unit tests drive the manager directly).
+  // false: no message server and no system bus (unit tests drive the manager directly).
   bool serve = true;
 };
 
@@ -120,6 +121,7 @@ class Manager {
 
   ManagerOptions options_;
   sd_event* loop_ = nullptr;
+  sd_bus* systemBus_ = nullptr;  // logind's bus; nullptr when there is none
   sd_event_source* timer_ = nullptr;
   sd_event_source* clockWatch_ = nullptr;
   fs::UniqueFd clockFd_;
