@@ -3,9 +3,11 @@
 // list supplied by the test.
 #include "agent.h"
 
+#include <gatewise/archive.h>
 #include <gatewise/core.h>
 #include <gatewise/notifications.h>
 #include <gatewise/runloop.h>
+#include <gatewise/status.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -16,6 +18,8 @@
 
 #include "support/bus_fixture.h"
 #include "support/notification_standin.h"
+#include "support/temp_root.h"
+#include "support/test_daemon.h"
 
 namespace {
 
@@ -196,3 +200,41 @@ TEST_F(AgentTest, LoginStatusChangeOfThisUserFetchesAgain) {
 }
 
 }  // namespace
+
+// The whole way: a daemon that archives its status items, the library's fetch, the desktop.
+TEST_F(AgentTest, TheDaemonsStatusItemsReachTheDesktop) {
+  gwtest::TempRoot root;
+  gwtest::TestDaemon daemon;
+  gw::plist::Date now = gw::plist::Date::now();
+  auto warning = gw::GWStatusItem::initWithName("Computer", std::string(gw::kGWItemKindComputer),
+                                                {now.secondsSinceReferenceDate + 298});
+  warning->setItemCreationDate(now);
+  warning->setItemID("warning-5");
+  auto blocked = gw::GWStatusItem::initWithName("Chess", std::string(gw::kGWItemKindProgram), now);
+  blocked->setStatusKind(std::string(gw::kGWStatusKindBlacklisted));
+  auto unknown = gw::GWStatusItem::initWithName("Odd", std::string(gw::kGWItemKindGroup), now);
+  unknown->setStatusKind("SomethingNew");
+  daemon.answerData("_GWMIGGetStatusItems",
+                    gw::archive::archivedDataWithRootObject(
+                        gw::plist::Value::newArray({warning, blocked, unknown})));
+  startServer();
+  gw::agent::AgentOptions options;
+  options.userName = "alice";
+  options.policy = {.idleInterval = 3600, .busyInterval = 3600, .minimumSpacing = 0};
+  std::string error;
+  agent_ = Agent::create(gw::runloop::currentRunLoop(), options, &error);
+  ASSERT_TRUE(agent_) << error;
+  ASSERT_TRUE(runUntil([&] { return shownCount() == 2 && agent_->notificationsInFlight() == 0; }));
+  auto shown = server_->notifications();
+  EXPECT_EQ(shown[0].summary, "Warning");
+  EXPECT_EQ(shown[0].body, "Only 5 minutes remains for the computer \"Computer\".");
+  EXPECT_EQ(shown[0].urgency, std::optional<std::uint8_t>(1));
+  EXPECT_EQ(shown[1].summary, "Application Not Allowed");
+  EXPECT_EQ(shown[1].body, "The application \"Chess\" is not allowed. \"Chess\" will now quit.");
+  EXPECT_EQ(shown[1].urgency, std::optional<std::uint8_t>(2));
+  // The same archive again: nothing new (the item without an id is known by its fields), and the
+  // item with nothing to say is never shown.
+  refreshAndSettle();
+  EXPECT_EQ(shownCount(), 2u);
+  EXPECT_GE(daemon.requestCount(), 2u);
+}

@@ -1,12 +1,10 @@
-#include <gatewise/log.h>
-
-#include "status_entry.h"
-
-#if __has_include(<gatewise/status.h>)
 #include <gatewise/format.h>
+#include <gatewise/log.h>
 #include <gatewise/status.h>
 
 #include <cmath>
+
+#include "status_entry.h"
 
 namespace gw::agent {
 namespace {
@@ -52,14 +50,3 @@ std::optional<std::vector<StatusEntry>> fetchStatusEntries() {
 }
 
 }  // namespace gw::agent
-
-#else
-
-namespace gw::agent {
-
-// Status items come with the keyed-archive reader; until then there is nothing to show.
-std::optional<std::vector<StatusEntry>> fetchStatusEntries() { return std::nullopt; }
-
-}  // namespace gw::agent
-
-#endif
