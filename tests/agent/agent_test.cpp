@@ -18,6 +18,7 @@
 
 #include "support/bus_fixture.h"
 #include "support/notification_standin.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 #include "support/test_daemon.h"
 
@@ -237,4 +238,26 @@ TEST_F(AgentTest, TheDaemonsStatusItemsReachTheDesktop) {
   refreshAndSettle();
   EXPECT_EQ(shownCount(), 2u);
   EXPECT_GE(daemon.requestCount(), 2u);
+}
+
+// The installed program as a session starts it: its own process, the session bus from the
+// environment, the daemon found below the system root.
+TEST_F(AgentTest, TheProgramShowsTheDaemonsItemsInItsSession) {
+  gwtest::TempRoot root;
+  gwtest::TestDaemon daemon;
+  gw::plist::Date now = gw::plist::Date::now();
+  auto warning = gw::GWStatusItem::initWithName("Chess", std::string(gw::kGWItemKindProgram),
+                                                {now.secondsSinceReferenceDate + 60});
+  warning->setItemCreationDate(now);
+  daemon.answerData("_GWMIGGetStatusItems",
+                    gw::archive::archivedDataWithRootObject(gw::plist::Value::newArray({warning})));
+  startServer();
+  gwtest::ChildProcess agent({GATEWISE_TEST_AGENT}, {{"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
+                                                     {"DBUS_SYSTEM_BUS_ADDRESS", bus_.address()},
+                                                     {"GATEWISE_ROOT", root.path()}});
+  ASSERT_TRUE(server_->waitForNotifications(1, std::chrono::seconds(20)));
+  auto shown = server_->notifications();
+  EXPECT_EQ(shown[0].appName, "Gatewise");
+  EXPECT_EQ(shown[0].summary, "Warning");
+  EXPECT_EQ(shown[0].body, "Only 1 minute remains for the application \"Chess\".");
 }
