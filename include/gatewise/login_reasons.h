@@ -1,8 +1,10 @@
-// Why tutelad lets a user log in or not: the reason codes of its _GWMIGUserCanLogin answer.
+// The reason codes of tutelad's answer to _GWMIGUserCanLogin.
 //
-// The daemon answers every login question with a reason and a number of seconds; the library passes
-// both through (GWUserCanLogin) and adds one reason of its own for a daemon it could not ask. The
-// PAM module and the CLI turn each reason into a message for the user.
+// The daemon answers every login question with a number of seconds and one of these reasons; the
+// library (GWUserCanLogin) passes them through unchanged, except kGWLoginDaemonNotAsked, which it
+// sets itself when the daemon could not be asked and then lets the user in. The PAM module and the
+// CLI turn each refusal into a sentence for the user ("Computer time is over for today. You may log
+// in again at 07:00."). Plain constants: no state, any thread.
 #pragma once
 
 #include <cstdint>
@@ -10,13 +12,19 @@
 namespace gw {
 
 enum GWLoginReason : std::int32_t {
-  kGWLoginAllowed = 0,  // seconds = time left today, 0 when unlimited
-  kGWLoginCurfew = 1,   // a curfew is in force; seconds = until it ends
-  kGWLoginAllowanceUsedUp =
-      2,  // today's allowance is used up; seconds = until the next day's allowance
-  kGWLoginNoTimeToday = 3,  // today's allowance is zero; seconds = until the next day with time
-  kGWLoginDaemonNotAsked =
-      4,  // the library's own: the daemon could not be asked (the user is let in)
+  // Allowed. seconds = computer time left before use would be cut off (a curfew starting or the
+  // allowance running out, whichever comes first), 0 when nothing limits it.
+  kGWLoginAllowed = 0,
+  // Refused: a curfew is in force. seconds = until the user may log in again (the curfew's end,
+  // or later when the allowance is used up by then).
+  kGWLoginCurfew = 1,
+  // Refused: today's allowance is used up. seconds = until the next moment with time (usually the
+  // next day's allowance).
+  kGWLoginAllowanceUsedUp = 2,
+  // Refused: today's allowance is zero. seconds = until the next day with time.
+  kGWLoginNoTimeToday = 3,
+  // The library's own: the daemon could not be asked, and the user is let in.
+  kGWLoginDaemonNotAsked = 4,
 };
 
 }  // namespace gw

@@ -113,7 +113,9 @@ void Agent::show(const NotificationTracker::Planned& planned, double now) {
       tracker_.shown(entry, id);
     }
   });
-  if (!queued) tracker_.failed(planned.entry);
+  // A notification that cannot even be built (text the bus refuses) would fail the same way every
+  // time: it counts as shown rather than being retried.
+  if (!queued) tracker_.shown(planned.entry, 0);
 }
 
 }  // namespace gw::agent
