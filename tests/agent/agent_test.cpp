@@ -10,6 +10,7 @@
 #include <gatewise/status.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -17,6 +18,7 @@
 #include <optional>
 
 #include "support/bus_fixture.h"
+#include "support/log_capture.h"
 #include "support/notification_standin.h"
 #include "support/process.h"
 #include "support/temp_root.h"
@@ -168,6 +170,28 @@ TEST_F(AgentTest, NothingToShowWithoutDaemonOrServerAndShownOnceBothAreThere) {
   EXPECT_EQ(server_->notifications()[0].summary, "Warning");
   refreshAndSettle();
   EXPECT_EQ(shownCount(), 1u);
+}
+
+TEST_F(AgentTest, TextTheBusRefusesIsLoggedOnceAndNeverSent) {
+  gwtest::LogCapture log(0);
+  startServer();
+  StatusEntry broken = warning("bad", "computer", nowUnix() + 300);
+  broken.body = "Only \xFF remains";  // not UTF-8: the bus refuses the message
+  list_ = {broken};
+  startAgent();
+  ASSERT_TRUE(runUntil([&] { return agent_->fetchCount() == 1; }));
+  list_->push_back(warning("good", "Games", nowUnix() + 300));
+  refreshAndSettle();
+  refreshAndSettle();
+  ASSERT_EQ(shownCount(), 1u);
+  EXPECT_EQ(server_->notifications()[0].body, warning("", "", 0).body);
+  auto lines = log.lines();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                          [](const std::string& line) {
+                            return line.find("*** Cannot send a desktop notification") !=
+                                   std::string::npos;
+                          }),
+            1);
 }
 
 TEST_F(AgentTest, LoginStatusChangeOfThisUserFetchesAgain) {
