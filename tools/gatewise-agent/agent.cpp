@@ -42,7 +42,7 @@ std::unique_ptr<Agent> Agent::create(sd_event* loop, AgentOptions options, std::
     if (error) *error = std::string("cannot arm a timer: ") + std::strerror(-r);
     return nullptr;
   }
-  // Posted when an override lets the user in, and when the daemon's view of the user changes.
+  // Posted when a user's login status changes (an administrator's override, for one).
   Agent* raw = agent.get();
   std::string user = agent->options_.userName;
   auto loginStatus = notify::addObserver(
