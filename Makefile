@@ -32,7 +32,10 @@ test-asan: deps $(ASAN_BUILD)/build.ninja
 # The whole suite, then the same suite again under AddressSanitizer and UndefinedBehaviorSanitizer.
 test: test-release test-asan
 
-demo: build
+# Only what the demo runs (the library, the CLI, the daemons: the `demo_programs` target of
+# CMakeLists.txt), not the tests and benchmarks.
+demo: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS) --target demo_programs
 	cmake --install $(BUILD) --prefix $(STAGE) >/dev/null
 	scripts/demo.sh $(STAGE)
 

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <cstdint>
+#include <optional>
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   ::setenv("TZ", "Australia/Lord_Howe", 1);  // half-hour changes, both directions
@@ -23,9 +24,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Around the October change to summer time, and an ordinary day.
   for (double unix : {1791041400.0, 1791068400.0, 1781877600.5}) {
     gw::plist::Date date = gw::plist::Date::fromUnixTime(unix);
-    (void)curfews->nextCurfewDateAfterDate(date);
-    (void)curfews->nextNonCurfewDateAfterDate(date);
-    (void)curfews->isDateCurfewed(date);
+    // The three queries hold to one rule: the next curfew is curfewed, the next free moment is
+    // not, and a date is curfewed exactly when it is its own next curfew.
+    std::optional<gw::plist::Date> next = curfews->nextCurfewDateAfterDate(date);
+    std::optional<gw::plist::Date> free = curfews->nextNonCurfewDateAfterDate(date);
+    bool curfewed = curfews->isDateCurfewed(date);
+    if (curfewed != (next == date)) __builtin_trap();
+    if (next && !curfews->isDateCurfewed(*next)) __builtin_trap();
+    if (free && curfews->isDateCurfewed(*free)) __builtin_trap();
   }
   (void)curfews->weekdayCurfewStartingTime();
   (void)curfews->weekendCurfewEndingTime();

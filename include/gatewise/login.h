@@ -12,6 +12,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <string_view>
 
 // Reason stored when the daemon could not be asked (the user is let in).
 inline constexpr std::int32_t kGWLoginReasonDaemonUnavailable = 4;
@@ -28,3 +29,18 @@ GW_EXPORT bool GWExistsManagedUsers();
 
 // Obsolete: logs that it is no longer needed and sends nothing.
 GW_EXPORT void GWRegisterUserAgentPort(mach_port_t agentPort = 0);
+
+// The administrator login override. The notification posted when a managed user's login status
+// changed; user info {"userName": short name}.
+inline constexpr const char kGWLoginStatusChangedNotification[] =
+    "GatewiseLoginStatusChangedNotification";
+// The authorization right an override asks for.
+inline constexpr const char kGWLoginOverrideRight[] = "com.morvane.gatewise.loginwindow.override";
+
+// YES when the user may log in already (the notification is posted), or when an administrator
+// grants the override right: the granted minutes ("time" of the answer; one hour when there are
+// none, unlimited for 0xFFFFFFFF) are added to today's computer overrides, the daemon is asked to
+// reread them and the notification is posted. NO, with nothing written or posted, when the right
+// is refused or cannot be asked for. Asks through the process's authorization provider (see
+// gatewise/auth.h) and may wait for an administrator. Any thread.
+GW_EXPORT bool GWAuthorizeManagedUserLogin(uid_t uid, std::string_view userName);

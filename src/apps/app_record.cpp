@@ -22,7 +22,7 @@ GWAppRef GWApp::initWithDictionary(const plist::Value& dictionary) {
 
 plist::DictionaryRef GWApp::plistRepresentation() const {
   plist::ArrayRef records = subApps();
-  if (!records) return _dictionary;
+  if (!records || records->empty()) return _dictionary;
   // The copy is made without the sub-apps, so their live records never leave this object.
   plist::Value held = _dictionary->get("subApps");
   _dictionary->remove("subApps");
@@ -53,7 +53,7 @@ void GWApp::setSubApps(plist::ArrayRef subApps) {
 
 std::string GWApp::description() const {
   return format("<GWApp: %p>:\tpath: %@\tbundleID: %@", static_cast<const void*>(this),
-                _dictionary->get("path"), _dictionary->get("bundleID"));
+                path().value_or("(null)"), bundleID().value_or("(null)"));
 }
 
 int GWApp::compare(const GWApp& other) const {

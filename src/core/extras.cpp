@@ -1,9 +1,14 @@
 // UUIDString and the GWExtras helpers: URL bundle information and index sets.
 #include <gatewise/core.h>
+#include <gatewise/log.h>
+#include <openssl/rand.h>
 #include <sys/random.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
+#include "core/random_source.h"
 #include "platform/bundle/bundle.h"
 
 namespace {
@@ -36,12 +41,44 @@ std::string pathOfURL(std::string_view url) {
 
 }  // namespace
 
+namespace gw::core {
+namespace {
+GetrandomFunction gGetrandom = ::getrandom;
+}  // namespace
+
+void setGetrandomForTesting(GetrandomFunction function) {
+  gGetrandom = function ? function : ::getrandom;
+}
+
+}  // namespace gw::core
+
+namespace {
+
+// getrandom(2) may be interrupted, give short reads, or be missing altogether (old kernels,
+// seccomp filters): a few attempts, then OpenSSL's generator, never a loop without end.
+bool fillRandom(unsigned char* bytes, std::size_t size) {
+  constexpr int kAttempts = 8;
+  std::size_t have = 0;
+  for (int failures = 0; have < size && failures < kAttempts;) {
+    ssize_t n = gw::core::gGetrandom(bytes + have, size - have, 0);
+    if (n > 0) {
+      have += std::size_t(n);
+    } else {
+      ++failures;
+    }
+  }
+  if (have == size) return true;
+  GW_LOG(0, "*** getrandom failed (%s); using OpenSSL's generator", std::strerror(errno));
+  return RAND_bytes(bytes, int(size)) == 1;
+}
+
+}  // namespace
+
 std::string UUIDString() {
   unsigned char bytes[16];
-  std::size_t have = 0;
-  while (have < sizeof bytes) {
-    ssize_t n = ::getrandom(bytes + have, sizeof bytes - have, 0);
-    if (n > 0) have += std::size_t(n);
+  if (!fillRandom(bytes, sizeof bytes)) {
+    GW_LOG(0, "*** no random source: no UUID");
+    return {};
   }
   bytes[6] = (bytes[6] & 0x0F) | 0x40;  // version 4: random
   bytes[8] = (bytes[8] & 0x3F) | 0x80;  // RFC 4122 variant

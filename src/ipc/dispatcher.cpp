@@ -2,6 +2,7 @@
 
 #include <gatewise/log.h>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 
@@ -20,6 +21,32 @@ bool Dispatcher::handle(std::string_view routineName, Handler handler) {
   if (!routine || routine->service != service_) return false;
   handlers_[routine->id] = std::move(handler);
   return true;
+}
+
+std::size_t maxPortsPerRequest() {
+  static const std::size_t most = [] {
+    std::size_t ports = 0;
+    for (const Routine& r : allRoutines())
+      ports = std::max<std::size_t>(ports, requestLayout(r).portCount);
+    return ports;
+  }();
+  return most;
+}
+
+Dispatcher::Outcome Dispatcher::refuseMalformed(std::span<const std::uint8_t> body,
+                                                const Credentials& peer) const {
+  Outcome outcome;
+  if (body.size() < sizeof(mach_msg_header_t)) return outcome;
+  mach_msg_header_t header;
+  std::memcpy(&header, body.data(), sizeof header);
+  if (header.msgh_local_port == 0) return outcome;
+  const Routine* routine = routineWithId(service_, header.msgh_id);
+  if (routine && routine->kind != RoutineKind::TwoWay) return outcome;
+  GW_LOG(1, "*** request id %d from pid %d came with too many descriptors", header.msgh_id,
+         int(peer.pid));
+  outcome.answer = true;
+  outcome.reply = encodeErrorReply(header, routine ? kMigBadArguments : kMigBadId);
+  return outcome;
 }
 
 Dispatcher::Outcome Dispatcher::dispatch(std::span<const std::uint8_t> body,

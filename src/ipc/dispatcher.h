@@ -80,6 +80,10 @@ class Dispatcher {
   };
   Outcome dispatch(std::span<const std::uint8_t> body, std::span<const int> fds,
                    const Credentials& peer) const;
+  // The answer to a frame that arrived with more descriptors than the server would take (they
+  // were closed unread): the malformed-request error for a two-way routine, the unknown-id error
+  // for an id not served, nothing for a one-way routine. No handler runs.
+  Outcome refuseMalformed(std::span<const std::uint8_t> body, const Credentials& peer) const;
 
   Service service() const { return service_; }
 
@@ -88,5 +92,8 @@ class Dispatcher {
   std::map<std::int32_t, Handler> handlers_;
   std::function<void(const Request&)> observer_;
 };
+
+// The most port descriptors any routine's request carries: what a server takes with one frame.
+std::size_t maxPortsPerRequest();
 
 }  // namespace gw::ipc

@@ -31,7 +31,8 @@ plist::ArrayRef GWGetStatusItems() {
     vm_deallocate(mach_task_self(), region, count);
     plist::Value root = archive::unarchiveObjectWithData(archive);
     if (!root.isArray()) {
-      if (!root.isNull()) GW_LOG(0, "*** Status items are not an array: %@", root);
+      // Only the fact: a hostile graph's description could be far larger than the archive.
+      if (!root.isNull()) GW_LOG(0, "*** Status items are not an array.");
       return plist::Array::make();
     }
     return root.array();

@@ -4,6 +4,8 @@
 #include <regex>
 #include <set>
 
+#include "core/random_source.h"
+#include "support/log_capture.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -17,6 +19,42 @@ TEST(ExtrasTest, UUIDStringsAreRandomVersion4InUpperCase) {
     seen.insert(uuid);
   }
   EXPECT_EQ(seen.size(), 100u);
+}
+
+int gGetrandomCalls = 0;
+
+TEST(ExtrasTest, UUIDStringSurvivesARandomSourceThatFailsOrStalls) {
+  const std::regex form("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}");
+  struct Case {
+    const char* what;
+    gw::core::GetrandomFunction source;
+    bool fallsBack;
+  } cases[] = {
+      {"missing",
+       [](void*, std::size_t, unsigned) -> ssize_t {
+         return ++gGetrandomCalls, errno = ENOSYS, -1;
+       },
+       true},
+      {"never any bytes",
+       [](void*, std::size_t, unsigned) -> ssize_t { return ++gGetrandomCalls, 0; }, true},
+      {"one byte at a time",
+       [](void* buffer, std::size_t, unsigned) -> ssize_t {
+         static_cast<unsigned char*>(buffer)[0] = std::uint8_t(++gGetrandomCalls * 37);
+         return 1;
+       },
+       false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    gwtest::LogCapture log(0);
+    gGetrandomCalls = 0;
+    gw::core::setGetrandomForTesting(c.source);
+    std::string uuid = UUIDString();
+    gw::core::setGetrandomForTesting(nullptr);
+    EXPECT_TRUE(std::regex_match(uuid, form)) << uuid;
+    EXPECT_EQ(log.contains("using OpenSSL's generator"), c.fallsBack);
+    EXPECT_LE(gGetrandomCalls, 16);  // bounded: short reads count as progress, failures do not
+  }
 }
 
 TEST(ExtrasTest, IndexSetsHoldEachNonNegativeIntegerOnceInOrder) {

@@ -1,3 +1,5 @@
+#include "core/accounts/user_cache.h"
+
 #include <gatewise/core.h>
 #include <gatewise/notifications.h>
 #include <gatewise/runloop.h>
@@ -7,7 +9,9 @@
 #include <mutex>
 #include <thread>
 
+#include "platform/notify/center.h"
 #include "support/bus_fixture.h"
+#include "support/temp_root.h"
 
 namespace {
 
@@ -50,6 +54,29 @@ TEST(UserCacheTest, ChangeNotificationDropsTheCacheAndTheNextCallRebuildsIt) {
   deadline = std::chrono::steady_clock::now() + 10s;
   while (!dropped && std::chrono::steady_clock::now() < deadline) {
     dropped = cachedUnderLock(501) != rebuilt;
+    if (!dropped) std::this_thread::sleep_for(5ms);  // waiting for the bus to forward it
+  }
+  EXPECT_TRUE(dropped);
+}
+
+TEST(UserCacheTest, BusDownAtTheFirstUseIsRetriedOnTheNext) {
+  gwtest::PrivateBus& bus = gwtest::sharedPrivateBus();
+  gwtest::TempRoot root;
+  gw::accounts::forgetChangeObserverForTesting();
+  gw::notify::disconnectForTesting();
+  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + root.at("/no-bus")).c_str(), 1);
+  cachedUnderLock(501)->set("userName", "bob");
+  EXPECT_FALSE(gw::accounts::changeObserverRegistered());
+
+  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
+  gw::plist::DictionaryRef cached = cachedUnderLock(501);
+  EXPECT_EQ(cached->find("userName")->string(), "bob");  // the cache itself served throughout
+  ASSERT_TRUE(gw::accounts::changeObserverRegistered());
+  ASSERT_TRUE(gw::notify::postNotification(kGWManagementStatusChangedNotification, "any"));
+  bool dropped = false;
+  auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (!dropped && std::chrono::steady_clock::now() < deadline) {
+    dropped = cachedUnderLock(501) != cached;
     if (!dropped) std::this_thread::sleep_for(5ms);  // waiting for the bus to forward it
   }
   EXPECT_TRUE(dropped);

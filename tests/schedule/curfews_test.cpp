@@ -149,6 +149,26 @@ TEST_F(CurfewsTest, PropertyListFormKeepsStoredDaysAndDropsUnreadableRanges) {
   EXPECT_EQ(GWCurfews::curfewsWithDictionary(live), nullptr);
 }
 
+TEST_F(CurfewsTest, StoredDaysAreSortedAndImpossibleRangesDroppedWhenRead) {
+  gwtest::ScopedTimeZone zone("UTC");
+  auto range = [](const char* start, const char* end) {
+    return plist::Value::newDictionary({{"start", start}, {"end", end}});
+  };
+  plist::Value stored = plist::Value::newDictionary(
+      {{"monday",
+        plist::Value::newArray({range("21:00:00", "23:59:59"), range("25:70:99", "26:00:00"),
+                                range("00:00:00", "07:00:00"), range("12:00:00", "11:00:00"),
+                                range("-1:00:00", "03:00:00"), range("10:00:00", "10:30:00")})}});
+  GWCurfewsRef curfews = GWCurfews::curfewsWithDictionary(stored);
+  ASSERT_NE(curfews, nullptr);
+  EXPECT_EQ(day(*curfews, "monday"), "00:00:00-07:00:00,10:00:00-10:30:00,21:00:00-23:59:59");
+  // Monday 1 June 2026: the morning range stored last still ends the night's curfew at 07:00,
+  // and 10:00 is found although it was stored after 21:00.
+  EXPECT_TRUE(curfews->isDateCurfewed(utc(2026, 6, 1, 6, 59)));
+  EXPECT_EQ(curfews->nextNonCurfewDateAfterDate(utc(2026, 6, 1, 5, 0)), utc(2026, 6, 1, 7, 0));
+  EXPECT_EQ(curfews->nextCurfewDateAfterDate(utc(2026, 6, 1, 8, 0)), utc(2026, 6, 1, 10, 0));
+}
+
 // Berlin: summer time from 29 March 2026 02:00 to 25 October 2026 03:00.
 TEST_F(CurfewsTest, DateQueriesKeepTheWallClockAcrossBerlinChanges) {
   gwtest::ScopedTimeZone zone("Europe/Berlin");

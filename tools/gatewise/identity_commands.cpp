@@ -1,9 +1,12 @@
 // gatewise identity / unprebind / macho info: executable identity and the Mach-O toolkit.
 #include <gatewise/identity.h>
 #include <gatewise/prebinding.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +25,11 @@ struct Freed {
 };
 
 int identityCommand(const std::string& path, const std::vector<std::string>& excludes) {
+  // The library gives a missing path the identity of an empty walk; a shell user is told instead.
+  struct stat info;
+  if (::lstat(path.c_str(), &info) != 0) {
+    return gwcli::fail("cannot read " + path + ": " + std::strerror(errno));
+  }
   std::vector<const char*> excluded;
   for (const std::string& e : excludes) excluded.push_back(e.c_str());
   excluded.push_back(nullptr);

@@ -1,15 +1,17 @@
 // Daemon commands: can-login, daemon-status, managed-users-exist, fcd ..., ipc call.
+#include <fcntl.h>
 #include <gatewise/core.h>
 #include <gatewise/ipc.h>
 #include <gatewise/ipc_catalogue.h>
 #include <gatewise/login.h>
-#include <fcntl.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iterator>
@@ -21,6 +23,29 @@
 
 namespace gwcli {
 namespace {
+
+// Writes bytes to path through a temporary file created exclusively in the same folder, synced
+// and renamed over it: nothing planted under a fixed name is written through, and a reader sees
+// the old file or the new one.
+bool writeOutFile(const std::string& path, const char* bytes, std::size_t size) {
+  std::string temporary = path + ".XXXXXX";
+  int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = ::fchmod(fd, 0644) == 0;
+  for (std::size_t done = 0; ok && done < size;) {
+    ssize_t n = ::write(fd, bytes + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) done += std::size_t(n);
+  }
+  ok = ok && ::fsync(fd) == 0;
+  ok = ::close(fd) == 0 && ok;
+  ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
+  int saved = errno;
+  if (!ok) ::unlink(temporary.c_str());
+  errno = saved;
+  return ok;
+}
 
 std::optional<std::int64_t> parseInteger(const std::string& text) {
   std::int64_t value = 0;
@@ -176,9 +201,10 @@ int ipcCall(const CallOptions& options) {
     std::printf("%.*s=<%u bytes>\n", int(routine->replyOut[0].name.size()),
                 routine->replyOut[0].name.data(), dataCount);
     if (!options.out.empty()) {
-      std::ofstream file(options.out, std::ios::binary | std::ios::trunc);
-      file.write(reinterpret_cast<const char*>(data), std::streamsize(dataCount));
-      if (!file) exitCode = fail("cannot write " + options.out);
+      // Atomic, through an exclusively created temporary file: never written through a link.
+      if (!writeOutFile(options.out, reinterpret_cast<const char*>(data), dataCount)) {
+        exitCode = fail("cannot write " + options.out + ": " + std::strerror(errno));
+      }
     }
     vm_deallocate(mach_task_self(), data, dataCount);
   } else {

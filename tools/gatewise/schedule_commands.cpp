@@ -2,8 +2,10 @@
 #include <gatewise/plist.h>
 #include <gatewise/schedule.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +22,7 @@ struct ScheduleOptions {
   std::string start;
   std::string end;
   double seconds = 0;
+  std::string secondsText;
   bool shortForm = false;
   bool withSeconds = false;
 };
@@ -81,8 +84,28 @@ int query(const ScheduleOptions& options, const std::string& question) {
   return kExitYes;
 }
 
+// A time of day given on the command line: H:MM or H:MM:SS, digits only, within the day. The
+// library's own parser stores whatever numbers it scans; a shell user gets a refusal instead.
 gw::GWTimeRef parseTime(const std::string& text) {
-  return text.empty() ? nullptr : gw::GWTime::timeWithString(std::string_view(text));
+  int fields[3] = {0, 0, 0};
+  int count = 0;
+  std::size_t at = 0;
+  while (count < 3) {
+    std::size_t digits = 0;
+    int value = 0;
+    while (at < text.size() && text[at] >= '0' && text[at] <= '9' && digits < 2) {
+      value = value * 10 + (text[at++] - '0');
+      ++digits;
+    }
+    // Minutes and seconds take two digits, the hour one or two.
+    if (digits == 0 || (count > 0 && digits != 2)) return nullptr;
+    fields[count++] = value;
+    if (at == text.size()) break;
+    if (text[at++] != ':') return nullptr;
+  }
+  if (at != text.size() || count < 2) return nullptr;
+  if (fields[0] > 23 || fields[1] > 59 || fields[2] > 59) return nullptr;
+  return gw::GWTime::initWithHour(fields[0], fields[1], fields[2]);
 }
 
 int edit(const ScheduleOptions& options, const std::string& operation) {
@@ -90,9 +113,12 @@ int edit(const ScheduleOptions& options, const std::string& operation) {
   int status = kExitYes;
   gw::GWCurfewsRef curfews = loadCurfews(options, false, status);
   if (!curfews) return status;
+  // A stored week may lack days (or all of them); the week editing only touches days present.
+  curfews->_prep();
   if (operation == "set-weekday" || operation == "set-weekend") {
     gw::GWTimeRef start = parseTime(options.start), end = parseTime(options.end);
-    if (!start || !end) return fail("START and END are times HH:MM:SS");
+    if (!start) return fail("START is not a time of day HH:MM[:SS]: " + options.start);
+    if (!end) return fail("END is not a time of day HH:MM[:SS]: " + options.end);
     if (operation == "set-weekday") {
       curfews->setWeekdayCurfewStarting(*start, *end);
     } else {
@@ -125,11 +151,18 @@ int readBack(const ScheduleOptions& options, bool weekend) {
   return kExitYes;
 }
 
-int printDuration(const ScheduleOptions& options) {
+int printDuration(ScheduleOptions& options) {
+  char* end = nullptr;
+  options.seconds = std::strtod(options.secondsText.c_str(), &end);
+  if (options.secondsText.empty() ||
+      end != options.secondsText.c_str() + options.secondsText.size()) {
+    return fail("SECONDS is not a number: " + options.secondsText);
+  }
+  if (!std::isfinite(options.seconds) || options.seconds < 0) {
+    return fail("SECONDS is not a duration: " + options.secondsText);
+  }
   if (options.shortForm) {
-    if (options.seconds < INT32_MIN || options.seconds > INT32_MAX) {
-      return fail("--short wants SECONDS within 32 bits");
-    }
+    if (options.seconds > INT32_MAX) return fail("--short wants SECONDS within 32 bits");
     std::puts(gw::GWUtilities::shortTimeDurationStringForSeconds(std::int32_t(options.seconds),
                                                                  options.withSeconds)
                   .c_str());
@@ -149,7 +182,7 @@ void registerScheduleCommands(CLI::App& app, Context& context) {
   CLI::App* duration = app.add_subcommand("duration", "A duration as text");
   duration->add_flag("--short", options->shortForm, "Compact clock form (1:02:05)");
   duration->add_flag("--with-seconds", options->withSeconds, "Show seconds in the compact form");
-  duration->add_option("SECONDS", options->seconds, "Seconds")->required();
+  duration->add_option("SECONDS", options->secondsText, "Seconds (not negative)")->required();
   duration->callback(
       [&context, options] { context.run = [options] { return printDuration(*options); }; });
 

@@ -72,6 +72,11 @@ class GW_EXPORT GWCurfews : public GWObject {
   GWTimeRef weekendCurfewStartingTime() const;
   GWTimeRef weekendCurfewEndingTime() const;
 
+  // An instant is curfewed when the local wall-clock time it shows lies in a range of its own
+  // weekday (the end of a range is its first free second; "23:59:59" runs into the next day).
+  // All three queries hold to that across daylight-saving changes: a curfew wholly inside a
+  // skipped time does not happen, one beginning in the gap begins when the clocks jump, and one in
+  // a repeated hour happens in both runs of it.
   // The start of the next curfew at or after date (date itself when it lies inside one), or
   // nullopt when none comes within eight days.
   std::optional<plist::Date> nextCurfewDateAfterDate(plist::Date date) const;

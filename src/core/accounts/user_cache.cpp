@@ -1,11 +1,14 @@
 // The launch checks' per-user cache, its spin lock, and the observer that drops it when managed
 // settings change.
+#include "core/accounts/user_cache.h"
+
 #include <gatewise/core.h>
 #include <gatewise/log.h>
 #include <gatewise/notifications.h>
 #include <sched.h>
 
 #include <mutex>
+#include <optional>
 
 gw::SpinLock gGWALRLock;
 
@@ -44,19 +47,46 @@ namespace {
 
 // Guarded by gGWALRLock. Keys are user ids in decimal, as dictionary keys are strings.
 gw::plist::DictionaryRef gUserCache;
-std::once_flag gObserverRegistration;
+
+// The change observer, once registered. A bus that is down at the first use must not leave the
+// cache without one for the life of the process: every use tries again until it is in place.
+std::mutex gObserverMutex;
+std::optional<gw::notify::ObserverID> gChangeObserver;
+bool gObserverFailureLogged = false;
 
 void registerChangeObserver() {
+  std::lock_guard lock(gObserverMutex);
+  if (gChangeObserver) return;
   // Every managing tool posts the change with its own object: observe it from any sender.
-  auto observer = gw::notify::addObserver(
+  gChangeObserver = gw::notify::addObserver(
       kGWManagementStatusChangedNotification, "",
       [](const gw::notify::Notification&) { QRMSettingsChangedCallback(); });
-  if (!observer)
-    GW_LOG(0, "*** Couldn't observe %s: the per-user cache is never dropped",
+  if (gChangeObserver) {
+    gObserverFailureLogged = false;
+  } else if (!gObserverFailureLogged) {
+    gObserverFailureLogged = true;
+    GW_LOG(0, "*** Couldn't observe %s yet: trying again on the next use of the per-user cache",
            kGWManagementStatusChangedNotification);
+  }
 }
 
 }  // namespace
+
+namespace gw::accounts {
+
+void forgetChangeObserverForTesting() {
+  std::lock_guard lock(gObserverMutex);
+  if (gChangeObserver) gw::notify::removeObserver(*gChangeObserver);
+  gChangeObserver.reset();
+  gObserverFailureLogged = false;
+}
+
+bool changeObserverRegistered() {
+  std::lock_guard lock(gObserverMutex);
+  return gChangeObserver.has_value();
+}
+
+}  // namespace gw::accounts
 
 void QRMSettingsChangedCallback() {
   GW_LOG(2, "managed settings changed: dropping the per-user cache");
@@ -72,7 +102,7 @@ void QRMSettingsChangedCallback() {
 
 gw::plist::DictionaryRef CachedUserDictionaryForUID(uid_t uid) {
   if (!gUserCache) gUserCache = gw::plist::Dictionary::make();
-  std::call_once(gObserverRegistration, registerChangeObserver);
+  registerChangeObserver();
   gw::notify::drainPendingNotifications();
   if (!gUserCache) gUserCache = gw::plist::Dictionary::make();
   std::string key = std::to_string(uid);

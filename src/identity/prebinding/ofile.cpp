@@ -203,7 +203,9 @@ bool ofile_map(const std::string& path, OFile& ofile, std::string& error) {
   ofile.name = path;
   int fd;
   do {
-    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Without waiting on a FIFO (refused below). Links are followed: libraries are often linked
+    // under their install names.
+    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) {
     error = "can't open file: " + path + " (" + std::strerror(errno) + ")";

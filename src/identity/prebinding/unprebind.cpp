@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "gatewise/prebinding.h"
@@ -28,24 +29,43 @@ bool writeAll(int fd, const std::vector<std::uint8_t>& bytes) {
   return true;
 }
 
-// Writes bytes to a new file at `path` (replacing it), synced, with the given mode; the caller
-// renames it into place. Removes the file again on failure.
-bool writeNewFile(const std::string& path, const std::vector<std::uint8_t>& bytes, mode_t mode) {
+// Writes bytes to a new file named after `base` (base + ".XXXXXX") in base's folder, synced,
+// with the given mode, and returns its name; the caller renames it into place. The file is
+// created exclusively, so nothing planted under that name (a link to another file) is written
+// through. Removes the file again on failure.
+// With `owner`, the file takes that owner and group, set through the descriptor.
+std::optional<std::string> writeNewFile(const std::string& base,
+                                        const std::vector<std::uint8_t>& bytes, mode_t mode,
+                                        const struct stat* owner = nullptr) {
+  std::string path = base + ".XXXXXX";
   int fd;
   do {
-    fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode & 07777);
+    fd = ::mkostemp(path.data(), O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) {
-    system_error("can't create output file: %s", path.c_str());
-    return false;
+    system_error("can't create output file: %s", base.c_str());
+    return std::nullopt;
   }
   fs::UniqueFd file(fd);
+  if (::fchmod(fd, mode & 07777) != 0) {
+    system_error("can't set permissions on file: %s", path.c_str());
+    ::unlink(path.c_str());
+    return std::nullopt;
+  }
+  struct stat created;
+  if (owner != nullptr && ::fstat(fd, &created) == 0 &&
+      (created.st_uid != owner->st_uid || created.st_gid != owner->st_gid) &&
+      ::fchown(fd, owner->st_uid, owner->st_gid) != 0) {
+    system_error("can't set owner and group on file: %s", path.c_str());
+    ::unlink(path.c_str());
+    return std::nullopt;
+  }
   if (!writeAll(fd, bytes) || ::fsync(fd) != 0 || ::close(file.release()) != 0) {
     system_error("can't write output file: %s", path.c_str());
     ::unlink(path.c_str());
-    return false;
+    return std::nullopt;
   }
-  return true;
+  return path;
 }
 
 bool writeToMemory(const OFile& ofile, void** outputBuffer, std::uint64_t* outputSize) {
@@ -62,8 +82,9 @@ bool writeToMemory(const OFile& ofile, void** outputBuffer, std::uint64_t* outpu
 }
 
 bool writeToFile(const OFile& ofile, const std::string& output, mode_t mode) {
-  std::string temporary = output + ".redo_prebinding";
-  if (!writeNewFile(temporary, ofile.bytes, mode)) return false;
+  std::optional<std::string> written = writeNewFile(output + ".redo_prebinding", ofile.bytes, mode);
+  if (!written) return false;
+  const std::string& temporary = *written;
   if (::rename(temporary.c_str(), output.c_str()) != 0) {
     system_error("can't move temporary file: %s to output file: %s", temporary.c_str(),
                  output.c_str());
@@ -81,21 +102,12 @@ bool writeOverInput(const OFile& ofile, const std::string& input) {
     system_error("can't stat input file: %s", input.c_str());
     return false;
   }
-  std::string temporary = input + ".redo_prebinding";
-  if (!writeNewFile(temporary, ofile.bytes, info.st_mode)) return false;
+  std::optional<std::string> written =
+      writeNewFile(input + ".redo_prebinding", ofile.bytes, info.st_mode, &info);
+  if (!written) return false;
+  const std::string& temporary = *written;
   bool ok = true;
-  if (::chmod(temporary.c_str(), info.st_mode & 07777) != 0) {
-    system_error("can't set permissions on file: %s", temporary.c_str());
-    ok = false;
-  }
-  struct stat written;
-  if (ok && ::stat(temporary.c_str(), &written) == 0 &&
-      (written.st_uid != info.st_uid || written.st_gid != info.st_gid) &&
-      ::chown(temporary.c_str(), info.st_uid, info.st_gid) != 0) {
-    system_error("can't set owner and group on file: %s", temporary.c_str());
-    ok = false;
-  }
-  if (ok && ::rename(temporary.c_str(), input.c_str()) != 0) {
+  if (::rename(temporary.c_str(), input.c_str()) != 0) {
     error("can't move temporary file: %s to input file: %s\n", temporary.c_str(), input.c_str());
     ok = false;
   }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/fs/unique_fd.h"
 
@@ -25,16 +26,9 @@ std::string folderOf(const std::string& path) {
   return path.substr(0, slash);
 }
 
-}  // namespace
-
-std::optional<std::string> readFile(const std::string& path, std::size_t maxSize,
-                                    std::string* error) {
-  // O_NONBLOCK so that opening a FIFO cannot wait for a writer; it is refused below anyway.
-  fs::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-  if (fd.get() < 0) {
-    fail(error, "cannot open", path, errno);
-    return std::nullopt;
-  }
+// Reads the opened file whole: a regular file of at most maxSize bytes.
+std::optional<std::string> readOpenedFile(const UniqueFd& fd, const std::string& path,
+                                          std::size_t maxSize, std::string* error) {
   struct stat st;
   if (::fstat(fd.get(), &st) != 0) {
     fail(error, "cannot stat", path, errno);
@@ -72,6 +66,48 @@ std::optional<std::string> readFile(const std::string& path, std::size_t maxSize
   }
   bytes.resize(have);
   return bytes;
+}
+
+}  // namespace
+
+std::optional<std::string> readFile(const std::string& path, std::size_t maxSize,
+                                    std::string* error) {
+  // O_NONBLOCK so that opening a FIFO cannot wait for a writer; it is refused below anyway.
+  fs::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  if (fd.get() < 0) {
+    fail(error, "cannot open", path, errno);
+    return std::nullopt;
+  }
+  return readOpenedFile(fd, path, maxSize, error);
+}
+
+std::optional<std::string> readFileBelow(const std::string& folder, std::string_view relativePath,
+                                         std::size_t maxSize, std::string* error) {
+  std::string path = folder + "/" + std::string(relativePath);
+  UniqueFd current(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (current.get() < 0) {
+    fail(error, "cannot open", folder, errno);
+    return std::nullopt;
+  }
+  while (!relativePath.empty()) {
+    std::size_t slash = relativePath.find('/');
+    std::string name(relativePath.substr(0, slash));
+    relativePath = slash == std::string_view::npos ? "" : relativePath.substr(slash + 1);
+    if (name.empty() || name == ".") continue;
+    if (name == "..") {
+      fail(error, "cannot open", path, EINVAL);
+      return std::nullopt;
+    }
+    int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
+    if (!relativePath.empty()) flags |= O_DIRECTORY;
+    UniqueFd next(::openat(current.get(), name.c_str(), flags));
+    if (next.get() < 0) {
+      fail(error, "cannot open", path, errno);
+      return std::nullopt;
+    }
+    current = std::move(next);
+  }
+  return readOpenedFile(current, path, maxSize, error);
 }
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode,

@@ -19,6 +19,13 @@ namespace gw::fs {
 std::optional<std::string> readFile(const std::string& path, std::size_t maxSize,
                                     std::string* error = nullptr);
 
+// The same for `relativePath` inside `folder`, for files in folders that a user controls (read by
+// root): every component of relativePath is opened through its parent's descriptor without
+// following a symbolic link, so a link planted anywhere below folder is refused, as is anything
+// but a regular file at the end. folder itself is opened as given.
+std::optional<std::string> readFileBelow(const std::string& folder, std::string_view relativePath,
+                                         std::size_t maxSize, std::string* error = nullptr);
+
 bool writeFileAtomically(const std::string& path, std::string_view bytes, mode_t mode = 0644,
                          std::string* error = nullptr);
 

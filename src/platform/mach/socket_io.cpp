@@ -191,6 +191,41 @@ IoStatus receiveAvailable(int fd, std::uint8_t* buffer, std::size_t size, std::s
   }
 }
 
+IoStatus receiveBounded(int fd, std::uint8_t* buffer, std::size_t size, std::size_t* got,
+                        std::vector<UniqueFd>* fds, std::size_t maxFds, std::size_t* dropped) {
+  *got = 0;
+  for (;;) {
+    iovec v{buffer, size};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxRightsPerRead)];
+    msghdr message{};
+    message.msg_iov = &v;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    ssize_t n = ::recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      if (errno == EAGAIN) return IoStatus::Ok;
+      if (errno == ECONNRESET) return IoStatus::Closed;
+      return IoStatus::Failed;
+    }
+    // The kernel closes what did not fit; the frame is short of descriptors it was sent with.
+    if (message.msg_flags & MSG_CTRUNC) ++*dropped;
+    std::vector<UniqueFd> arrived;
+    takeDescriptors(message, &arrived);
+    for (UniqueFd& received : arrived) {
+      if (fds->size() < maxFds) {
+        fds->push_back(std::move(received));
+      } else {
+        ++*dropped;  // closed as `received` goes out of scope
+      }
+    }
+    if (n == 0 && size > 0) return IoStatus::Closed;
+    *got = std::size_t(n);
+    return IoStatus::Ok;
+  }
+}
+
 IoStatus receiveExactly(int fd, std::uint8_t* buffer, std::size_t size, Deadline deadline,
                         std::vector<UniqueFd>* fds) {
   std::size_t have = 0;

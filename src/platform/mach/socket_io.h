@@ -67,4 +67,13 @@ IoStatus receiveExactly(int fd, std::uint8_t* buffer, std::size_t size, Deadline
 IoStatus receiveAvailable(int fd, std::uint8_t* buffer, std::size_t size, std::size_t* got,
                           std::vector<UniqueFd>* fds);
 
+// receiveAvailable for a server that must bound what a peer can hand it: the control buffer has
+// room for at most kMaxRightsPerRead descriptors, and no more than maxFds descriptors are kept in
+// *fds in all. Descriptors past that are closed at once, and so are those the kernel dropped for
+// want of room (MSG_CTRUNC); *dropped grows by their number (by one at least for a truncated
+// read, whose count is unknown). Received descriptors are close-on-exec.
+inline constexpr std::size_t kMaxRightsPerRead = 4;
+IoStatus receiveBounded(int fd, std::uint8_t* buffer, std::size_t size, std::size_t* got,
+                        std::vector<UniqueFd>* fds, std::size_t maxFds, std::size_t* dropped);
+
 }  // namespace gw::mach

@@ -64,8 +64,10 @@ std::vector<std::string> copyUserLanguages(std::string_view userName) {
   }
   std::optional<std::string> home = fs::homeFolderForUserName(name);
   if (!home || !home->starts_with('/')) return {};
+  // The user owns everything below their home folder: no link there is followed, so the user
+  // cannot make root read another file as their settings.
   auto localeConf =
-      fs::readFile(fs::rootedPath(*home + "/.config/locale.conf"), kMaxSettingsFileSize);
+      fs::readFileBelow(fs::rootedPath(*home), ".config/locale.conf", kMaxSettingsFileSize);
   if (!localeConf) return {};
   auto languages = languageList(valueOf(*localeConf, "", "LANGUAGE"));
   if (languages.empty()) languages = languageList(valueOf(*localeConf, "", "LANG"));

@@ -5,20 +5,43 @@
 #include <gatewise/schedule/curfews.h>
 
 #include <algorithm>
+#include <array>
 
-#include "platform/time/local_time.h"
-#include "schedule/curfews/curfew_search.h"
+#include "schedule/curfews/curfew_timeline.h"
 
 namespace gw {
 namespace {
 
 constexpr std::int32_t kDaysInWeek = 7;
 
-// D advanced by `days` calendar days and by the seconds from T to t, on the wall clock.
-plist::Date advance(plist::Date date, int days, const GWTime& now, const GWTime& target) {
-  std::int32_t interval = now.timeIntervalSinceTime(target);
-  if (days == 0 && interval == 0) return date;
-  return time::atTimeOfDay(date, days, std::int64_t(now.seconds()) + interval);
+bool isTimeOfDay(const GWTime& time) {
+  return time.hour() >= 0 && time.hour() <= 23 && time.minute() >= 0 && time.minute() <= 59 &&
+         time.second() >= 0 && time.second() <= 59;
+}
+
+// A stored range keeps within one day with its start not after its end; anything else (a hand-
+// edited "25:70:99", a reversed pair) is dropped when read, as an unreadable entry is.
+bool isStorableRange(const GWTimeRange& range) {
+  return isTimeOfDay(*range.startTime()) && isTimeOfDay(*range.endTime()) &&
+         range.startTime()->compare(*range.endTime()) <= 0;
+}
+
+// Days are kept sorted by start time; files written by hand may not be.
+void sortByStart(plist::Array& ranges) {
+  std::vector<plist::Value>& items = ranges.mutableItems();
+  std::stable_sort(items.begin(), items.end(), [](const plist::Value& a, const plist::Value& b) {
+    auto left = a.ifObject<GWTimeRange>();
+    auto right = b.ifObject<GWTimeRange>();
+    return left && right && left->compare(*right) < 0;
+  });
+}
+
+curfews::CurfewTimeline timeline(const GWCurfews& curfews) {
+  std::array<std::vector<GWTimeRangeRef>, kDaysInWeek> week;
+  for (std::int32_t day = 0; day < kDaysInWeek; ++day) {
+    week[std::size_t(day)] = curfews.timeRangesForDay(GWCurfews::keyStringForDayIndex(day));
+  }
+  return curfews::CurfewTimeline(week);
 }
 
 }  // namespace
@@ -36,11 +59,11 @@ GWCurfewsRef GWCurfews::initWithDictionary(const plist::DictionaryRef& dictionar
     plist::ArrayRef ranges = plist::Array::make();
     if (const plist::Array* entries = stored.ifArray()) {
       for (const plist::Value& entry : *entries) {
-        if (GWTimeRangeRef range = GWTimeRange::timeRangeWithDictionary(entry)) {
-          ranges->append(range);
-        }
+        GWTimeRangeRef range = GWTimeRange::timeRangeWithDictionary(entry);
+        if (range && isStorableRange(*range)) ranges->append(range);
       }
     }
+    sortByStart(*ranges);
     curfews->_dictionary->set(day, ranges);
   }
   return curfews;
@@ -121,12 +144,7 @@ void GWCurfews::addTimeRange(const GWTimeRangeRef& range, std::string_view day) 
       return;
   }
   ranges->append(range);
-  std::vector<plist::Value>& items = ranges->mutableItems();
-  std::stable_sort(items.begin(), items.end(), [](const plist::Value& a, const plist::Value& b) {
-    auto left = a.ifObject<GWTimeRange>();
-    auto right = b.ifObject<GWTimeRange>();
-    return left && right && left->compare(*right) < 0;
-  });
+  sortByStart(*ranges);
 }
 
 void GWCurfews::removeTimeRangesInRange(const GWTimeRangeRef& range, std::string_view day) {
@@ -160,34 +178,11 @@ bool GWCurfews::hasCurfews() const {
 }
 
 std::optional<plist::Date> GWCurfews::nextCurfewDateAfterDate(plist::Date date) const {
-  time::LocalComponents local = time::localComponents(date);
-  GWTime now(local.hour, local.minute, local.second);
-  for (int days = 0; days <= kDaysInWeek; ++days) {
-    std::vector<GWTimeRangeRef> ranges =
-        timeRangesForDay(keyStringForDayIndex((local.weekday + days) % kDaysInWeek));
-    GWTimeRef start;
-    if (days == 0) {
-      start = curfews::firstCurfew(ranges, &now, nullptr, true);
-    } else if (days == kDaysInWeek) {
-      start = curfews::firstCurfew(ranges, nullptr, &now, true);
-    } else {
-      start = curfews::firstCurfew(ranges, nullptr, nullptr, true);
-    }
-    if (start) return advance(date, days, now, *start);
-  }
-  return std::nullopt;
+  return timeline(*this).firstInstant(date, true);
 }
 
 std::optional<plist::Date> GWCurfews::nextNonCurfewDateAfterDate(plist::Date date) const {
-  time::LocalComponents local = time::localComponents(date);
-  GWTime now(local.hour, local.minute, local.second);
-  for (int days = 0; days <= kDaysInWeek; ++days) {
-    std::vector<GWTimeRangeRef> ranges =
-        timeRangesForDay(keyStringForDayIndex((local.weekday + days) % kDaysInWeek));
-    GWTimeRef free = curfews::firstFree(ranges, days == 0 ? &now : nullptr);
-    if (free) return advance(date, days, now, *free);
-  }
-  return std::nullopt;
+  return timeline(*this).firstInstant(date, false);
 }
 
 bool GWCurfews::isDateCurfewed(plist::Date date) const {

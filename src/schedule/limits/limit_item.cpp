@@ -25,14 +25,36 @@ plist::ArrayRef upgradedList(const plist::Value& stored, Make make, const char* 
   if (!elements) return list;
   for (const plist::Value& element : *elements) {
     if (!isPropertyList(element)) continue;
-    plist::Value object = make(element);
-    if (object.isNull()) {
+    GWObjectRef object = make(element);
+    if (!object) {
       throw GWException("GWLimitItem", format("%s -- Couldn't upgrade %s from property list.",
                                               kInitFunction, what));
     }
     list->append(std::move(object));
   }
   return list;
+}
+
+// The path of a "file://" URL with its percent-escapes decoded; a plain path comes back as it is.
+std::string pathOfFileURL(std::string_view url) {
+  if (!url.starts_with("file://")) return std::string(url);
+  url.remove_prefix(7);
+  auto hex = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  std::string path;
+  for (std::size_t i = 0; i < url.size(); ++i) {
+    if (url[i] == '%' && i + 2 < url.size() && hex(url[i + 1]) >= 0 && hex(url[i + 2]) >= 0) {
+      path += char(hex(url[i + 1]) * 16 + hex(url[i + 2]));
+      i += 2;
+    } else {
+      path += url[i];
+    }
+  }
+  return path;
 }
 
 plist::Value storedForm(const plist::Value& element) {
@@ -70,14 +92,14 @@ GWLimitItemRef GWLimitItem::initWithDictionary(const plist::Value& stored) {
     d.set(
         "appList",
         upgradedList(
-            *apps, [](const plist::Value& v) { return plist::Value(GWApp::appWithDictionary(v)); },
+            *apps, [](const plist::Value& v) -> GWObjectRef { return GWApp::appWithDictionary(v); },
             "an app"));
   }
   if (const plist::Value* allowances = d.find("allowances")) {
     d.set("allowances", upgradedList(
                             *allowances,
-                            [](const plist::Value& v) {
-                              return plist::Value(GWAllowance::allowanceWithDictionary(v));
+                            [](const plist::Value& v) -> GWObjectRef {
+                              return GWAllowance::allowanceWithDictionary(v);
                             },
                             "an allowance"));
   }
@@ -102,11 +124,9 @@ GWLimitItemRef GWLimitItem::limitItemWithBundleID(std::string bundleID) {
 }
 
 GWLimitItemRef GWLimitItem::limitItemWithURL(std::string_view fileURL) {
-  std::string_view path = fileURL;
-  if (path.starts_with("file://")) path.remove_prefix(7);
   auto item = init();
   item->setItemType(std::string(kGWLimitTypeProgram));
-  item->setPath(std::string(path));
+  item->setPath(pathOfFileURL(fileURL));
   item->setName(GWURLBundleName(fileURL));
   item->setEnabled(true);
   return item;

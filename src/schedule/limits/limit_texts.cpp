@@ -7,6 +7,12 @@ namespace {
 
 std::size_t countOf(const plist::ArrayRef& list) { return list ? list->size() : 0; }
 
+// What "%@" prints for the value of key: "(null)" when there is none.
+plist::Value described(const plist::Dictionary& d, std::string_view key) {
+  const plist::Value* value = d.find(key);
+  return value ? *value : plist::Value("(null)");
+}
+
 std::string counted(std::size_t n, const char* one, const char* many) {
   return format(n == 1 ? one : many, int(n));
 }
@@ -53,11 +59,12 @@ std::string GWLimitItem::description() const {
       "\n\t\tItem type: %@\n\t\tEnabled: %d\n\t\tName: %@\n\t\tBundle ID: %@\n\t\tGroup ID: "
       "%@\n\t\tPath: %@\n\t\tApps: %@\n\t\tSites: %@\n\t\tWidgets: %@\n\t\tCurfews: "
       "\n------\n%@\n------\n\t\tAllowances active: %d\n\t\tAllowances: \n------\n%@\n------\n",
-      d.get("itemType"), int(enabled()), d.get("name"), group ? notApplicable : d.get("bundleID"),
-      d.get("groupID"), group ? notApplicable : d.get("path"),
-      group ? d.get("appList") : notApplicable, group ? d.get("siteList") : notApplicable,
-      group ? d.get("widgetList") : notApplicable, d.get("curfews"), int(allowancesActive()),
-      d.get("allowances"));
+      described(d, "itemType"), int(enabled()), described(d, "name"),
+      group ? notApplicable : described(d, "bundleID"), described(d, "groupID"),
+      group ? notApplicable : described(d, "path"), group ? described(d, "appList") : notApplicable,
+      group ? described(d, "siteList") : notApplicable,
+      group ? described(d, "widgetList") : notApplicable, described(d, "curfews"),
+      int(allowancesActive()), described(d, "allowances"));
 }
 
 }  // namespace gw

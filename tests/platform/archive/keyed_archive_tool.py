@@ -17,6 +17,7 @@ import os
 import plistlib
 import sys
 
+sys.dont_write_bytecode = True  # nothing written beside the sources
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 from plistlib_tool import canonical  # noqa: E402
 

@@ -4,7 +4,9 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -100,6 +102,40 @@ TEST(FileIOTest, AtomicWriteOverAFolderFailsAndRemovesItsTemporaryFile) {
   EXPECT_EQ(namesIn(root.path()), std::vector<std::string>{"target"});
   EXPECT_EQ(readFile(folder + "/inside", 100).value_or("?"), "kept");
   EXPECT_FALSE(writeFileAtomically(root.at("/no/such/folder/file"), "bytes", 0644, &error));
+}
+
+// A user's home as root reads it: whatever the user links in place of a folder or of the file
+// itself is refused, and so is a FIFO, without waiting for a writer.
+TEST(FileIOTest, ReadFileBelowFollowsNoLinkOnTheWayDown) {
+  gwtest::TempRoot root;
+  std::string secret = root.writeFile("/etc/shadow-like", "LANG=secret");
+  root.writeFile("/home/kim/.config/locale.conf", "LANG=de_DE.UTF-8\n");
+  std::string home = root.at("/home/kim");
+  EXPECT_EQ(readFileBelow(home, ".config/locale.conf", 1024), "LANG=de_DE.UTF-8\n");
+  EXPECT_EQ(readFileBelow(home, "./.config//locale.conf", 1024), "LANG=de_DE.UTF-8\n");
+  EXPECT_EQ(readFileBelow(home, ".config/locale.conf", 4), std::nullopt);  // the bound holds
+  EXPECT_EQ(readFileBelow(home, ".config/../.config/locale.conf", 1024), std::nullopt);
+
+  // The file itself a link.
+  std::string file = root.at("/home/kim/.config/locale.conf");
+  ASSERT_EQ(std::remove(file.c_str()), 0);
+  ASSERT_EQ(::symlink(secret.c_str(), file.c_str()), 0);
+  std::string error;
+  EXPECT_EQ(readFileBelow(home, ".config/locale.conf", 1024, &error), std::nullopt);
+  EXPECT_NE(error.find("locale.conf"), std::string::npos) << error;
+  EXPECT_EQ(readFile(file, 1024), "LANG=secret");  // what a following reader would have read
+
+  // A folder on the way a link.
+  root.writeFile("/elsewhere/locale.conf", "LANG=secret");
+  std::filesystem::remove_all(root.at("/home/kim/.config"));
+  ASSERT_EQ(::symlink(root.at("/elsewhere").c_str(), root.at("/home/kim/.config").c_str()), 0);
+  EXPECT_EQ(readFileBelow(home, ".config/locale.conf", 1024), std::nullopt);
+
+  // A FIFO.
+  std::filesystem::remove(root.at("/home/kim/.config"));
+  std::filesystem::create_directory(root.at("/home/kim/.config"));
+  ASSERT_EQ(::mkfifo(root.at("/home/kim/.config/locale.conf").c_str(), 0600), 0);
+  EXPECT_EQ(readFileBelow(home, ".config/locale.conf", 1024), std::nullopt);
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 //
 // Serves "<bootstrap folder>/<service name>" (GATEWISE_BOOTSTRAP_DIR, else below GATEWISE_ROOT),
 // prints "listening on PATH" once ready and runs until SIGINT or SIGTERM. KIND is one of delay,
-// close, wrong-id, wrong-size, complex-bit, swapped-ndr.
+// close, wrong-id, wrong-size, complex-bit, swapped-ndr. Data replies read from a file with
+// @PATH serve, for example, a keyed archive of status items:
+// --data _GWMIGGetStatusItems=@items.archive (see `gatewise status-items archive`).
 #include <signal.h>
 
 #include <cstdio>

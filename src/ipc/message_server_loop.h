@@ -1,0 +1,86 @@
+// The inside of a MessageServer: its connections and the bounds on what each peer holds. Used by
+// message_server.cpp only; everything here runs on the serving thread, except the counters, which
+// stats() reads from any thread.
+#pragma once
+
+#include <sys/epoll.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "ipc/message_server.h"
+
+namespace gw::ipc {
+
+struct MessageServer::Counters {
+  std::atomic<std::size_t> openConnections{0};
+  std::atomic<std::uint64_t> bytesInFlight{0};
+  std::atomic<std::uint64_t> accepted{0};
+  std::atomic<std::uint64_t> refusedConnections{0};
+  std::atomic<std::uint64_t> reclaimedConnections{0};
+  std::atomic<std::uint64_t> overBudgetConnections{0};
+  std::atomic<std::uint64_t> timedOutConnections{0};
+  std::atomic<std::uint64_t> descriptorsRefused{0};
+  std::atomic<std::uint64_t> descriptorExhaustions{0};
+  std::atomic<std::uint64_t> loopWakeups{0};
+};
+
+struct MessageServer::Loop {
+  using Clock = std::chrono::steady_clock;
+
+  struct Connection {
+    fs::UniqueFd fd;
+    Credentials peer;
+    std::uint64_t serial = 0;       // accept order: lower is older
+    std::vector<std::uint8_t> in;   // length prefix and body as they arrive
+    std::uint64_t charged = 0;      // bytes of `in` counted against the budgets
+    std::vector<fs::UniqueFd> fds;  // at most maxPortsPerRequest()
+    bool excessDescriptors = false;
+    std::vector<std::uint8_t> out;  // length prefix and reply
+    std::size_t sent = 0;
+    bool dispatched = false;
+    bool answering = false;
+    bool writing = false;
+    Clock::time_point due;  // whole request by then; after dispatch: answer (or close) time
+  };
+
+  Loop(MessageServer& server);
+
+  // Handles one batch of epoll events.
+  void handle(const epoll_event* events, int count);
+  // Acts on the deadlines that have passed.
+  void expire();
+  std::optional<Clock::time_point> nextDeadline() const;
+
+ private:
+  void accept();
+  void admit(fs::UniqueFd fd);
+  bool reclaimFrom(uid_t uid);
+  bool reclaimFromLargestHolder();
+  void outOfDescriptors();
+  void pauseListener();
+  void resumeListener();
+  void read(Connection& c);
+  bool charge(Connection& c, std::size_t capacity);
+  void dispatch(Connection& c);
+  void finish(Connection& c);
+  void close(int fd);
+  void watch(int fd, std::uint32_t events, int op);
+
+  MessageServer& server_;
+  Counters& counters_;
+  std::map<int, Connection> connections_;
+  std::map<uid_t, std::size_t> connectionsPerUid_;
+  std::map<uid_t, std::uint64_t> bytesPerUid_;
+  std::uint64_t bytesInFlight_ = 0;
+  std::uint64_t nextSerial_ = 0;
+  fs::UniqueFd spare_;  // given up to accept-and-close when descriptors run out
+  bool listening_ = true;
+  Clock::time_point resumeAt_{};
+  std::vector<std::uint8_t> chunk_;
+};
+
+}  // namespace gw::ipc
