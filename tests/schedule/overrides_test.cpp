@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdlib>
+
 #include "platform/time/local_time.h"
 #include "schedule/overrides/overrides_file.h"
 #include "support/log_capture.h"
@@ -134,19 +136,22 @@ TEST_F(OverridesTest, TheDayKeyIsTheLocalCalendarDate) {
       {"2009-03-17 22:59:59 UTC", "Europe/Berlin", "2009-03-17"},
       {"2009-03-17 23:00:00 UTC", "Europe/Berlin", "2009-03-18"},
   };
+  // faketime preloads its library ahead of the sanitizer runtime of a sanitized build.
+  const char* inherited = std::getenv("ASAN_OPTIONS");
+  std::string asanOptions =
+      std::string(inherited ? inherited : "") + (inherited ? ":" : "") + "verify_asan_link_order=0";
   for (const Case& c : cases) {
-    gwtest::RunResult run = gwtest::runProgram({"faketime", c.clock, GATEWISE_TEST_CLI, "overrides",
-                                                "extend", "kid", "__COMPUTER__", "60"},
-                                               // faketime preloads itself ahead of the sanitizer runtime.
-                                               {.environment = {{"TZ", c.zone},
-                                                                {"ASAN_OPTIONS", "verify_asan_link_order=0"}}});
+    gwtest::RunResult run =
+        gwtest::runProgram({"faketime", c.clock, GATEWISE_TEST_CLI, "overrides", "extend", "kid",
+                            "__COMPUTER__", "60"},
+                           {.environment = {{"TZ", c.zone}, {"ASAN_OPTIONS", asanOptions}}});
     ASSERT_EQ(run.status, 0) << run.err;
-    const plist::Dictionary* days =
-        readFile().dictionary()->get(kGWComputerLimitKey).ifDictionary();
+    Value stored = readFile();
+    const plist::Dictionary* days = stored.dictionary()->get(kGWComputerLimitKey).ifDictionary();
     ASSERT_TRUE(days);
     EXPECT_EQ(days->size(), 1u) << c.clock << " " << c.zone;
     EXPECT_TRUE(days->contains(c.day))
-        << c.clock << " " << c.zone << ": " << plist::description(Value(readFile()));
+        << c.clock << " " << c.zone << ": " << plist::description(stored);
   }
 }
 
