@@ -46,6 +46,14 @@ codesign::RequirementSubject subjectOf(const std::string& path,
   return subject;
 }
 
+// Whether evaluating node may need the maker anchor (read from the host preferences only then).
+bool mentionsMakerAnchor(const codesign::RequirementNode& node) {
+  if (node.op == codesign::RequirementOp::MakerAnchor) return true;
+  for (const auto& operand : node.operands)
+    if (mentionsMakerAnchor(*operand)) return true;
+  return false;
+}
+
 gw::GWValidation refused(int status, std::string reason) {
   GW_LOG(2, "SecStaticCodeCheckValidity returned err: %d", status);
   return gw::GWValidation{false, std::move(reason)};
@@ -83,13 +91,14 @@ gw::GWValidation validate(const std::string& path, const std::optional<gw::plist
     if (*record != signature->content)
       return refused(kStatusChanged, "program has changed since it was signed");
   }
-  if (requirement || makerRequirement) {
-    codesign::X509Ptr anchor = makerRequirement ? configuredMakerAnchor() : nullptr;
+  if (makerRequirement && !requirement) {
+    std::string unused;
+    requirement = codesign::parseRequirement(codesign::builtInMakerRequirement(), &unused);
+  }
+  if (requirement) {
+    codesign::X509Ptr anchor =
+        mentionsMakerAnchor(**requirement) ? configuredMakerAnchor() : nullptr;
     codesign::RequirementSubject subject = subjectOf(path, *signature, anchor.get());
-    if (makerRequirement && !requirement) {
-      std::string unused;
-      requirement = codesign::parseRequirement(codesign::builtInMakerRequirement(), &unused);
-    }
     if (!codesign::evaluateRequirement(**requirement, subject))
       return refused(kStatusRequirementFailed, "program does not satisfy its requirement");
   }

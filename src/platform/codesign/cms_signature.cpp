@@ -17,16 +17,32 @@ plist::Data bioContents(BIO* bio) {
   return plist::Data(bytes, bytes + length);
 }
 
+// A SignedData without signers: CMS_final refuses to finish one, so the content is placed by hand
+// (no signer means no digest to compute over it).
+CmsPtr adHocSignedData(const plist::Data& content) {
+  CmsPtr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_BINARY | CMS_PARTIAL));
+  if (!cms) return nullptr;
+  ASN1_OCTET_STRING** slot = CMS_get0_content(cms.get());
+  if (slot == nullptr || *slot == nullptr ||
+      ASN1_OCTET_STRING_set(*slot, content.data(), int(content.size())) != 1)
+    return nullptr;
+  return cms;
+}
+
 }  // namespace
 
 plist::Data signContent(const plist::Data& content, const Identity* identity) {
-  BioPtr input = memoryBioOf(content);
-  if (!input) return {};
-  // CMS_BINARY keeps the record byte for byte; without a signer CMS_sign makes a SignedData that
-  // only carries the content, which is how an ad hoc signature is told apart.
-  CmsPtr cms(identity != nullptr ? CMS_sign(identity->certificate.get(), identity->key.get(),
-                                            nullptr, input.get(), CMS_BINARY)
-                                 : CMS_sign(nullptr, nullptr, nullptr, input.get(), CMS_BINARY));
+  if (content.size() > kMaxSignatureSize) return {};
+  CmsPtr cms;
+  if (identity != nullptr) {
+    BioPtr input = memoryBioOf(content);
+    // CMS_BINARY keeps the record byte for byte.
+    if (input)
+      cms.reset(CMS_sign(identity->certificate.get(), identity->key.get(), nullptr, input.get(),
+                         CMS_BINARY));
+  } else {
+    cms = adHocSignedData(content);
+  }
   if (!cms) {
     ERR_clear_error();
     return {};
