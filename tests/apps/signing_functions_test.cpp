@@ -4,6 +4,8 @@
 #include <gatewise/identity.h>
 #include <gatewise/signing.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -241,6 +243,7 @@ TEST_F(SigningTest, EmbeddedFailureFallsBackToDetachedOnlyWithAPlace) {
     EXPECT_TRUE(GWCreateAppSignature(link, nullptr, &signature, false));
     EXPECT_TRUE(signature);
     EXPECT_TRUE(log.contains("Entering detached signature pass."));
+    EXPECT_FALSE(GWAppIsSigned(program_, std::nullopt)) << "the link's target was left alone";
   }
   {
     gwtest::LogCapture log;
@@ -317,6 +320,30 @@ TEST_F(SigningTest, WritableProgramNeedsNoDetachedSignatureAndNoDaemonGivesMinus
   EXPECT_EQ(GWNotifyKernelOfDetachedSignature(program_.c_str(), 7), -2);
   EXPECT_TRUE(log.contains("*** tud port was 0, allowing app"));
   EXPECT_FALSE(gGWALRLock.heldByCurrentThread());
+}
+
+}  // namespace
+
+namespace {
+
+// A read-only bind mount of a folder of the temporary root, made in a private mount namespace of
+// a child process: the program inside stands on a locked volume.
+TEST(SigningVolumeTest, ProgramOnReadOnlyMountNeedsADetachedSignature) {
+  gwtest::TempRoot root;
+  std::string folder = root.makeFolder("/Volumes/Locked");
+  std::string program = root.writeFile("/Volumes/Locked/tool", "payload");
+  constexpr int kCannotMount = 77;
+  int status = gwtest::runInChild([&] {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount(folder.c_str(), folder.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        ::mount(nullptr, folder.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0)
+      return kCannotMount;
+    return CodeSignWillGenerateDetachedSignature(program) ? 0 : 1;
+  });
+  if (status == kCannotMount) GTEST_SKIP() << "no private read-only mount here";
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(CodeSignWillGenerateDetachedSignature(program)) << "writable outside the child";
 }
 
 }  // namespace

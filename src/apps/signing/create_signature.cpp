@@ -69,43 +69,44 @@ int runPass(int pass, const std::string& path, const gw::GWSigningIdentityRef& i
 }  // namespace
 
 bool GWCreateAppSignature(const std::optional<std::string>& path, const gw::GWKeychainRef& keychain,
-                          std::optional<gw::plist::Data>* signature, bool detached) {
-  return gw::returningOnException(__func__, __LINE__, false, [&] {
-    GW_LOG(2, "GWCreateAppSignature: path is %@", path ? *path : std::string("(null)"));
-    if (!path) return false;
-    struct stat info;
-    if (::lstat(path->c_str(), &info) != 0) {
-      GW_LOG(0, "*** SecStaticCodeCreateWithPath returned error %d", gw::signing::kStatusNoProgram);
-      return false;
-    }
-    int status = kStatusOk;
-    std::string reason;
-    if (gw::signing::loadSignature(*path, std::nullopt, &status, &reason) ||
-        status == gw::signing::kStatusBadSignature) {
-      // Even a signature that no longer holds is never replaced: re-signing would launder it.
-      GW_LOG(1, "%@ is already signed", *path);
-      return false;
-    }
-    gw::GWSigningIdentityRef identity = chooseIdentity(keychain);
+                          std::optional<gw::plist::Data>* signature, bool detached) try {
+  GW_LOG(2, "GWCreateAppSignature: path is %@", path ? *path : std::string("(null)"));
+  if (!path) return false;
+  struct stat info;
+  if (::lstat(path->c_str(), &info) != 0) {
+    GW_LOG(0, "*** SecStaticCodeCreateWithPath returned error %d", gw::signing::kStatusNoProgram);
+    return false;
+  }
+  int status = kStatusOk;
+  std::string reason;
+  if (gw::signing::loadSignature(*path, std::nullopt, &status, &reason) ||
+      status == gw::signing::kStatusBadSignature) {
+    // Even a signature that no longer holds is never replaced: re-signing would launder it.
+    GW_LOG(1, "%@ is already signed", *path);
+    return false;
+  }
+  gw::GWSigningIdentityRef identity = chooseIdentity(keychain);
 
-    bool result = false;
-    for (int pass = detached ? kDetachedPass : kEmbeddedPass; pass <= kDetachedPass; ++pass) {
-      if (pass == kDetachedPass) {
-        GW_LOG(2, "Entering detached signature pass.");
-        if (signature == nullptr) {
-          GW_LOG(0, "*** No space for detached signature.");
-          break;
-        }
-      }
-      GW_LOG(2, "SecCodeSignerCreate successful");
-      status = runPass(pass, *path, identity, signature);
-      if (status == kStatusOk) {
-        result = true;
+  bool result = false;
+  for (int pass = detached ? kDetachedPass : kEmbeddedPass; pass <= kDetachedPass; ++pass) {
+    if (pass == kDetachedPass) {
+      GW_LOG(2, "Entering detached signature pass.");
+      if (signature == nullptr) {
+        GW_LOG(0, "*** No space for detached signature.");
         break;
       }
-      GW_LOG(0, "*** SecCodeSignerAddSignature returned: %d on pass: %d", status, pass);
     }
-    GW_LOG(2, "Returning result %d", int(result));
-    return result;
-  });
+    GW_LOG(2, "SecCodeSignerCreate successful");
+    status = runPass(pass, *path, identity, signature);
+    if (status == kStatusOk) {
+      result = true;
+      break;
+    }
+    GW_LOG(0, "*** SecCodeSignerAddSignature returned: %d on pass: %d", status, pass);
+  }
+  GW_LOG(2, "Returning result %d", int(result));
+  return result;
+} catch (const std::exception& e) {
+  GW_LOG_CAUGHT(e);
+  return false;
 }

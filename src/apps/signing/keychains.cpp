@@ -115,37 +115,35 @@ gw::GWSigningIdentityRef CopyAppSigningIdentity(const gw::GWKeychainRef& keychai
   });
 }
 
-gw::GWKeychainRef GWCreateTempKeychainForCodesigning() {
-  return gw::returningOnException(
-      __func__, __LINE__, gw::GWKeychainRef(), [&]() -> gw::GWKeychainRef {
-        GW_LOG(2, "Enter");
-        std::optional<std::string> password = makePassword();
-        if (!password) {
-          GW_LOG(0, "*** CreateTempKeychain: SecKeychainCreate returned error %d", errno);
-          GW_LOG(0, "*** GWCreateTempKeychainForCodesigning: CreateTempKeychain returned NULL");
-          return nullptr;
-        }
-        auto identity = gw::codesign::makeSelfSignedIdentity(gw::signing::kSigningCommonName);
-        if (!identity) {
-          GW_LOG(0, "*** SFCertificateAuthority returned nil");
-          GW_LOG(0, "*** CreateSelfSignedCert returned NULL");
-          GW_LOG(
-              0,
-              "*** GWCreateTempKeychainForCodesigning: CreateIdentityWithKeychain returned NULL");
-          return nullptr;
-        }
-        std::string error;
-        for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
-          std::optional<std::string> path = temporaryKeychainPath();
-          if (!path) break;
-          error.clear();
-          if (gw::codesign::writeKeychainFile(*path, *password, *identity,
-                                              gw::signing::kSigningCommonName, &error))
-            return std::make_shared<const gw::GWKeychain>(gw::GWKeychain{*path, *password});
-          if (errno != EEXIST) break;  // a name taken by someone else: draw another
-        }
-        GW_LOG(0, "*** CreateTempKeychain: SecKeychainCreate returned error %d (%@)", errno, error);
-        GW_LOG(0, "*** GWCreateTempKeychainForCodesigning: CreateTempKeychain returned NULL");
-        return nullptr;
-      });
+gw::GWKeychainRef GWCreateTempKeychainForCodesigning() try {
+  GW_LOG(2, "Enter");
+  std::optional<std::string> password = makePassword();
+  if (!password) {
+    GW_LOG(0, "*** CreateTempKeychain: SecKeychainCreate returned error %d", errno);
+    GW_LOG(0, "*** GWCreateTempKeychainForCodesigning: CreateTempKeychain returned NULL");
+    return nullptr;
+  }
+  auto identity = gw::codesign::makeSelfSignedIdentity(gw::signing::kSigningCommonName);
+  if (!identity) {
+    GW_LOG(0, "*** SFCertificateAuthority returned nil");
+    GW_LOG(0, "*** CreateSelfSignedCert returned NULL");
+    GW_LOG(0, "*** GWCreateTempKeychainForCodesigning: CreateIdentityWithKeychain returned NULL");
+    return nullptr;
+  }
+  std::string error;
+  for (int attempt = 0; attempt < kNameAttempts; ++attempt) {
+    std::optional<std::string> path = temporaryKeychainPath();
+    if (!path) break;
+    error.clear();
+    if (gw::codesign::writeKeychainFile(*path, *password, *identity,
+                                        gw::signing::kSigningCommonName, &error))
+      return std::make_shared<const gw::GWKeychain>(gw::GWKeychain{*path, *password});
+    if (errno != EEXIST) break;  // a name taken by someone else: draw another
+  }
+  GW_LOG(0, "*** CreateTempKeychain: SecKeychainCreate returned error %d (%@)", errno, error);
+  GW_LOG(0, "*** GWCreateTempKeychainForCodesigning: CreateTempKeychain returned NULL");
+  return nullptr;
+} catch (const std::exception& e) {
+  GW_LOG_CAUGHT(e);
+  return nullptr;
 }

@@ -122,11 +122,9 @@ GWValidation GWValidateSignedApplicationWithReason(const std::optional<std::stri
 
 }  // namespace gw
 
-// The designated requirement, or nil. Kept out of the entry point so that the entry point's
-// exception guard stays a plain try block.
-std::optional<gw::plist::Data> designatedRequirement(
+std::optional<gw::plist::Data> GWCreateDesignatedRequirement(
     const std::optional<std::string>& path, const std::optional<std::string>& url,
-    const std::optional<gw::plist::Data>& detachedSignature) {
+    const std::optional<gw::plist::Data>& detachedSignature) try {
   GW_LOG(2, "Entering GWCreateDesignatedRequirement");
   std::optional<std::string> program = programPath(path, url);
   std::optional<gw::plist::Data> requirement;
@@ -143,17 +141,9 @@ std::optional<gw::plist::Data> designatedRequirement(
   GW_LOG(2, "GWCreateDesignatedRequirement returning %p",
          requirement ? static_cast<const void*>(requirement->data()) : nullptr);
   return requirement;
-}
-
-std::optional<gw::plist::Data> GWCreateDesignatedRequirement(
-    const std::optional<std::string>& path, const std::optional<std::string>& url,
-    const std::optional<gw::plist::Data>& detachedSignature) {
-  try {
-    return designatedRequirement(path, url, detachedSignature);
-  } catch (const std::exception& e) {
-    GW_LOG_CAUGHT(e);
-    return std::nullopt;
-  }
+} catch (const std::exception& e) {
+  GW_LOG_CAUGHT(e);
+  return std::nullopt;
 }
 
 bool GWAppIsSigned(const std::optional<std::string>& path, const std::optional<std::string>& url) {
