@@ -10,6 +10,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -344,6 +345,42 @@ TEST(SigningVolumeTest, ProgramOnReadOnlyMountNeedsADetachedSignature) {
   if (status == kCannotMount) GTEST_SKIP() << "no private read-only mount here";
   EXPECT_EQ(status, 0);
   EXPECT_FALSE(CodeSignWillGenerateDetachedSignature(program)) << "writable outside the child";
+}
+
+}  // namespace
+
+namespace {
+
+TEST(SigningBundleTest, BundleSignatureCoversEveryFileInside) {
+  gwtest::TempRoot root;
+  root.makeFolder("/tmp");
+  root.writeFile("/Applications/Editor.app/Contents/Info.plist",
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                 "<key>CFBundleIdentifier</key><string>com.example.editor</string>"
+                 "<key>CFBundleExecutable</key><string>Editor</string></dict></plist>\n");
+  root.writeFile("/Applications/Editor.app/Contents/MacOS/Editor", "binary");
+  std::string resource =
+      root.writeFile("/Applications/Editor.app/Contents/Resources/en.lproj/Main.strings", "a");
+  std::string app = root.at("/Applications/Editor.app");
+  std::optional<Data> signature;
+  ASSERT_TRUE(GWCreateAppSignature(app, nullptr, &signature, true));
+  std::optional<Data> requirement =
+      GWCreateDesignatedRequirement(std::nullopt, "file://" + app, signature);
+  ASSERT_TRUE(requirement);
+  std::string identifier = "com.example.editor";
+  EXPECT_NE(
+      std::search(requirement->begin(), requirement->end(), identifier.begin(), identifier.end()),
+      requirement->end());
+  EXPECT_TRUE(GWValidateSignedApplication(app, signature, requirement, 4));
+
+  root.writeFile("/Applications/Editor.app/Contents/Resources/extra", "");
+  EXPECT_FALSE(GWValidateSignedApplication(app, signature, requirement, 4)) << "a file was added";
+  ASSERT_EQ(::unlink(root.at("/Applications/Editor.app/Contents/Resources/extra").c_str()), 0);
+  EXPECT_TRUE(GWValidateSignedApplication(app, signature, requirement, 4));
+  { std::ofstream(resource) << "b"; }
+  EXPECT_FALSE(GWValidateSignedApplication(app, signature, requirement, 4)) << "a resource changed";
+  // The content check is skipped only when both flags say so.
+  EXPECT_TRUE(GWValidateSignedApplication(app, signature, std::nullopt, 6));
 }
 
 }  // namespace

@@ -19,8 +19,8 @@ namespace {
 
 std::string errnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
-// A descriptor for the program that does not follow a final symbolic link. Folders (bundles) are
-// opened O_RDONLY|O_DIRECTORY; files O_RDONLY (attributes need a real descriptor, not O_PATH).
+// A descriptor for the program (file or folder) that does not follow a final symbolic link.
+// Attributes need a real descriptor, not O_PATH; O_NONBLOCK keeps a planted FIFO from blocking.
 fs::UniqueFd openProgram(const std::string& path) {
   return fs::UniqueFd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
 }

@@ -3,8 +3,8 @@
 //
 // The attribute is "trusted.gatewise.signature" for root, whose trusted namespace ordinary users
 // can neither read nor forge, and "user.gatewise.signature" for anyone else. Writing uses
-// XATTR_CREATE, so it either adds the whole value or leaves the program as it was. The program is
-// opened with O_NOFOLLOW (O_PATH for folders), so a link planted at the path is refused.
+// XATTR_CREATE, so it either adds the whole value or leaves the program as it was. The program (a
+// file or a bundle folder) is opened with O_NOFOLLOW, so a link planted at the path is refused.
 // Thread-safe; nothing throws.
 #pragma once
 
