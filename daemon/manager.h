@@ -1,0 +1,146 @@
+// The daemon's one owner of everything: the sd-event loop, the message server on it, the session
+// monitor, the end actions, the usage ledger and the users it tracks.
+//
+// After every event (a request, a session change, the timer, a clock jump) the manager brings the
+// users concerned up to date: it books the use counted since last time, works out each one's login
+// decision, posts "GatewiseLoginStatusChangedNotification" when a user's answer turns between
+// allowed and refused, carries out the host's end action once when a user who is using the
+// computer runs out of time, and then arms its single timer for the earliest moment any decision
+// can change (a curfew boundary, the end of someone's time) or the next 30-second flush while
+// anyone's use is counted. Nobody logged in and nothing changing: no wake-ups at all.
+//
+// One thread. Made by create(), torn down by the destructor (usage flushed).
+#pragma once
+
+#include <sys/types.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "daemon/clock.h"
+#include "daemon/decision/login_decision.h"
+#include "daemon/enforce/session_actions.h"
+#include "daemon/limits/computer_limit.h"
+#include "daemon/limits/overrides_file.h"
+#include "daemon/rate_limiter.h"
+#include "daemon/sessions/session_monitor.h"
+#include "daemon/status_item_info.h"
+#include "daemon/usage/usage_ledger.h"
+#include "ipc/dispatcher.h"
+#include "ipc/message_server.h"
+#include "platform/fs/unique_fd.h"
+
+namespace gw::daemon {
+
+inline constexpr const char* kHostDomain = "com.morvane.Gatewise";
+inline constexpr const char* kLoginStatusChangedNotification =
+    "GatewiseLoginStatusChangedNotification";
+inline constexpr double kFlushIntervalSeconds = 30;
+
+struct ManagerOptions {
+  std::string socketPath;          // listened on unless a socket was handed over
+  fs::UniqueFd activatedListener;  // from socket activation, or empty
+  std::string databasePath;        // the usage database
+  std::shared_ptr<const Clock> clock;
+  // Tests hand in their own; by default the session engineer's monitor and actions.
+  std::function<std::unique_ptr<SessionMonitor>(sd_event*, SessionMonitor::Listener)> makeMonitor;
+  std::function<std::unique_ptr<SessionActions>(sd_event*)> makeActions;
+  // Posts "GatewiseLoginStatusChangedNotification" for a user; by default on the system bus.
+  std::function<void(const std::string& userName)> postLoginStatusChanged;
+  // false: no message server and no system bus (unit tests drive the manager directly).
+  bool serve = true;
+};
+
+class Manager {
+ public:
+  static std::unique_ptr<Manager> create(ManagerOptions options, std::string* error);
+  ~Manager();
+  Manager(const Manager&) = delete;
+  Manager& operator=(const Manager&) = delete;
+
+  // Runs the loop until SIGTERM or SIGINT; flushes usage on the way out. The exit status.
+  int run();
+  sd_event* loop() const { return loop_; }
+  plist::Date now() const { return options_.clock->wallNow(); }
+
+  // What the routines ask. uid is the user the question is about.
+  Decision loginDecision(uid_t uid);
+  std::vector<StatusItemInfo> statusItems(uid_t uid);
+  void rereadOverrides(uid_t uid);
+  void rereadSettings(uid_t uid);
+  void saveUsage();
+  void resetUsage(uid_t uid);
+  void listeningStatusChanged();
+  // Rate limit of what one peer may make the daemon do.
+  bool allowPeer(uid_t peer);
+
+  // Brings every tracked user up to date and re-arms the timer (the timer's own work).
+  void refresh();
+  // The moment the timer is armed for (nullopt: disarmed).
+  std::optional<plist::Date> nextWake() const { return wakeAt_; }
+  // Whether the timer is armed at all (a decision change or a flush is due some time).
+  bool timerArmed() const;
+  // What the end actions did, per uid (tests).
+  int actionsTaken(uid_t uid) const;
+  // Called on clock jumps: the time before the jump is booked by the monotonic clock.
+  void clockJumped();
+
+ private:
+  struct User {
+    uid_t uid = 0;
+    std::string name;
+    bool counting = false;
+    bool limited = false;  // has a computer limit in force, so its use is booked
+    plist::Date countingSince;
+    std::uint64_t monotonicSince = 0;
+    std::optional<bool> lastAllowed;
+    bool acted = false;
+    std::optional<plist::Date> wakeAt;
+  };
+
+  explicit Manager(ManagerOptions options);
+  bool start(std::string* error);
+  User* userFor(uid_t uid);
+  void trackManagedUsers();
+  void sessionsChanged(uid_t uid);
+  void book(User& user, plist::Date now);
+  Decision decisionFor(User& user, plist::Date now);
+  void update(User& user, plist::Date now);
+  void endTime(User& user, const Decision& decision);
+  void armTimer();
+  static int onTimer(sd_event_source*, uint64_t, void* self);
+  static int onClockChange(sd_event_source*, int fd, uint32_t, void* self);
+  static int onSignal(sd_event_source*, const signalfd_siginfo*, void* self);
+  bool watchClockChanges();
+
+  ManagerOptions options_;
+  sd_event* loop_ = nullptr;
+  sd_bus* systemBus_ = nullptr;  // logind's bus; nullptr when there is none
+  sd_event_source* timer_ = nullptr;
+  sd_event_source* clockWatch_ = nullptr;
+  fs::UniqueFd clockFd_;
+  std::vector<sd_event_source*> signals_;
+  std::unique_ptr<UsageLedger> ledger_;
+  std::unique_ptr<SessionMonitor> monitor_;
+  std::unique_ptr<SessionActions> actions_;
+  ipc::Dispatcher dispatcher_{ipc::Service::Daemon};
+  std::unique_ptr<ipc::MessageServer> server_;
+  ComputerLimitCache limits_;
+  OverridesCache overrides_;
+  RateLimiter<uid_t> peerLimiter_{20, 120};
+  std::map<uid_t, User> users_;
+  std::map<uid_t, int> actionsTaken_;
+  std::optional<plist::Date> wakeAt_;
+  std::optional<std::uint64_t> nextFlush_;  // monotonic microseconds
+};
+
+// Registers the handler of every daemon routine (the routine table) on dispatcher.
+void registerRoutines(ipc::Dispatcher& dispatcher, Manager& manager);
+
+}  // namespace gw::daemon

@@ -1,0 +1,115 @@
+// The daemon's answer to each routine of the catalogue, as one table.
+//
+// Every handler learns who is asking from the socket (SO_PEERCRED), never from the message. A uid
+// in the message is honoured only when root asks (the login screen asks about the user who wants
+// to log in); anyone else is answered about themselves, and the mismatch is logged (rate-limited).
+// Resetting usage is root's alone. Rereads and flushes go through the per-peer rate limiter.
+// Routines without a handler here are answered MIG_BAD_ID (-303) when two-way and dropped when
+// one-way, with one log line per routine.
+#include <gatewise/log.h>
+
+#include <set>
+#include <string>
+
+#include "daemon/manager.h"
+
+namespace gw::daemon {
+namespace {
+
+using ipc::Reply;
+using ipc::Request;
+
+uid_t subjectOf(const Request& request, Manager& manager) {
+  auto asked = uid_t(std::uint32_t(request.field("uid").integer));
+  uid_t peer = request.peer.uid;
+  if (peer == 0 || asked == peer) return asked;
+  if (manager.allowPeer(peer)) {
+    GW_LOG(0, "*** uid %d asked %s about uid %d; answering about itself", int(peer),
+           std::string(request.routine.name).c_str(), int(asked));
+  }
+  return peer;
+}
+
+Reply userCanLogin(Manager& m, const Request& r) {
+  Decision d = m.loginDecision(subjectOf(r, m));
+  Reply reply;
+  reply.scalars = {d.seconds(m.now()), std::int32_t(d.reason)};
+  return reply;
+}
+
+Reply getStatusItems(Manager& m, const Request& r) {
+  Reply reply;
+  reply.data = encodeStatusItems(m.statusItems(r.peer.uid));
+  return reply;
+}
+
+Reply readOverrides(Manager& m, const Request& r) {
+  if (m.allowPeer(r.peer.uid)) m.rereadOverrides(subjectOf(r, m));
+  return {};
+}
+
+Reply readSettings(Manager& m, const Request& r) {
+  if (m.allowPeer(r.peer.uid)) m.rereadSettings(subjectOf(r, m));
+  return {};
+}
+
+Reply saveUsageData(Manager& m, const Request& r) {
+  if (m.allowPeer(r.peer.uid)) m.saveUsage();
+  return {};
+}
+
+Reply resetUsageData(Manager& m, const Request& r) {
+  if (r.peer.uid != 0) {
+    if (m.allowPeer(r.peer.uid)) {
+      GW_LOG(0, "*** uid %d may not reset usage; ignored", int(r.peer.uid));
+    }
+    return {};
+  }
+  m.resetUsage(uid_t(std::uint32_t(r.field("uid").integer)));
+  return {};
+}
+
+Reply listeningStatusChanged(Manager& m, const Request& r) {
+  if (m.allowPeer(r.peer.uid)) m.listeningStatusChanged();
+  return {};
+}
+
+struct RoutineHandler {
+  const char* routine;
+  Reply (*handle)(Manager&, const Request&);
+};
+
+constexpr RoutineHandler kRoutines[] = {
+    {"_GWMIGUserCanLogin", userCanLogin},
+    {"_GWMIGGetStatusItems", getStatusItems},
+    {"_GWMIGReadOverrides", readOverrides},
+    {"_GWMIGReadSettings", readSettings},
+    {"_GWMIGSaveUsageData", saveUsageData},
+    {"_GWMIGResetUsageData", resetUsageData},
+    {"_GWMIGListeningStatusChanged", listeningStatusChanged},
+};
+
+}  // namespace
+
+void registerRoutines(ipc::Dispatcher& dispatcher, Manager& manager) {
+  std::set<std::string_view> served;
+  for (const RoutineHandler& h : kRoutines) {
+    dispatcher.handle(h.routine, [&manager, h](const Request& r) { return h.handle(manager, r); });
+    served.insert(h.routine);
+  }
+  auto unsupportedLogged = std::make_shared<std::set<std::string_view>>();
+  for (const ipc::Routine& routine : ipc::allRoutines()) {
+    if (routine.service != ipc::Service::Daemon || served.count(routine.name)) continue;
+    dispatcher.handle(routine.name, [unsupportedLogged](const Request& r) {
+      if (unsupportedLogged->insert(r.routine.name).second) {
+        GW_LOG(0, "*** %s is not supported by this daemon yet",
+               std::string(r.routine.name).c_str());
+      }
+      Reply reply;
+      reply.returnCode = ipc::kMigBadId;
+      return reply;
+    });
+  }
+}
+
+}  // namespace gw::daemon

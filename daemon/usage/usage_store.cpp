@@ -1,0 +1,224 @@
+#include "daemon/usage/usage_store.h"
+
+#include <gatewise/log.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include "platform/fs/root.h"
+
+namespace gw::daemon {
+namespace {
+
+constexpr const char* kStateFolder = "/Library/Application Support/Morvane/Tutela/State";
+
+// One statement, finalized on every path.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &s_, nullptr); }
+  ~Statement() { sqlite3_finalize(s_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+  explicit operator bool() const { return s_ != nullptr; }
+  sqlite3_stmt* get() const { return s_; }
+
+ private:
+  sqlite3_stmt* s_ = nullptr;
+};
+
+bool quickCheckPasses(sqlite3* db) {
+  Statement check(db, "PRAGMA quick_check");
+  if (!check || sqlite3_step(check.get()) != SQLITE_ROW) return false;
+  const unsigned char* text = sqlite3_column_text(check.get(), 0);
+  return text && std::strcmp(reinterpret_cast<const char*>(text), "ok") == 0;
+}
+
+void moveAside(const std::string& path) {
+  std::string aside = path + ".corrupt-" + std::to_string(::time(nullptr));
+  ::rename(path.c_str(), aside.c_str());
+  for (const char* suffix : {"-wal", "-shm"}) ::unlink((path + suffix).c_str());
+  GW_LOG(0, "*** The usage database %s was damaged; moved it to %s and started a new one",
+         path.c_str(), aside.c_str());
+}
+
+sqlite3* openFile(const std::string& path, int flags) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, flags | SQLITE_OPEN_NOFOLLOW, nullptr) != SQLITE_OK) {
+    sqlite3_close(db);
+    return nullptr;
+  }
+  sqlite3_busy_timeout(db, 2000);
+  return db;
+}
+
+}  // namespace
+
+std::string defaultUsageDatabasePath() {
+  return fs::rootedPath(std::string(kStateFolder) + "/tutelad.sqlite");
+}
+
+std::unique_ptr<UsageStore> UsageStore::open(const std::string& path, std::string* error) {
+  std::string folder = path.substr(0, path.rfind('/'));
+  // The parents are shared with the rest of the system; only the state folder is root-only.
+  std::error_code ignored;
+  std::filesystem::create_directories(folder.substr(0, folder.rfind('/')), ignored);
+  if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (error) *error = "cannot create " + folder + ": " + std::strerror(errno);
+    return nullptr;
+  }
+  ::chmod(folder.c_str(), 0700);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    mode_t old = ::umask(077);
+    sqlite3* db = openFile(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    ::umask(old);
+    std::unique_ptr<UsageStore> store(db ? new UsageStore(db) : nullptr);
+    if (store && quickCheckPasses(db) && store->prepareSchema(error)) {
+      ::chmod(path.c_str(), 0600);
+      return store;
+    }
+    store.reset();
+    if (attempt == 0) moveAside(path);
+  }
+  if (error && error->empty()) *error = "cannot open " + path;
+  return nullptr;
+}
+
+std::unique_ptr<UsageStore> UsageStore::openReadOnly(const std::string& path, std::string* error) {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) {
+    if (error) *error = path + ": " + std::strerror(errno);
+    return nullptr;
+  }
+  sqlite3* db = openFile(path, SQLITE_OPEN_READONLY);
+  if (!db) {
+    if (error) *error = "cannot open " + path;
+    return nullptr;
+  }
+  return std::unique_ptr<UsageStore>(new UsageStore(db));
+}
+
+UsageStore::~UsageStore() { sqlite3_close(db_); }
+
+bool UsageStore::execute(const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return true;
+  GW_LOG(0, "*** usage database: %s", message ? message : sqlite3_errmsg(db_));
+  sqlite3_free(message);
+  return false;
+}
+
+bool UsageStore::prepareSchema(std::string* error) {
+  if (!execute("PRAGMA journal_mode=WAL") || !execute("PRAGMA synchronous=NORMAL")) {
+    if (error) *error = sqlite3_errmsg(db_);
+    return false;
+  }
+  Statement version(db_, "PRAGMA user_version");
+  int current = version && sqlite3_step(version.get()) == SQLITE_ROW
+                    ? sqlite3_column_int(version.get(), 0)
+                    : -1;
+  if (current == kSchemaVersion) return true;
+  if (current != 0) {
+    if (error) *error = "unknown schema version " + std::to_string(current);
+    return false;
+  }
+  bool made = execute(
+      "BEGIN;"
+      "CREATE TABLE usage(uid INTEGER NOT NULL, day TEXT NOT NULL, used REAL NOT NULL,"
+      " curfew_used REAL NOT NULL, PRIMARY KEY(uid, day)) WITHOUT ROWID;"
+      "CREATE TABLE events(id INTEGER PRIMARY KEY, uid INTEGER NOT NULL, at REAL NOT NULL,"
+      " kind TEXT NOT NULL, detail TEXT NOT NULL);"
+      "PRAGMA user_version=1;"
+      "COMMIT;");
+  if (!made) {
+    execute("ROLLBACK");
+    if (error) *error = sqlite3_errmsg(db_);
+  }
+  return made;
+}
+
+DayUsage UsageStore::usageOn(uid_t uid, const std::string& day) const {
+  Statement q(db_, "SELECT used, curfew_used FROM usage WHERE uid = ?1 AND day = ?2");
+  DayUsage usage;
+  if (!q) return usage;
+  sqlite3_bind_int64(q.get(), 1, uid);
+  sqlite3_bind_text(q.get(), 2, day.c_str(), int(day.size()), SQLITE_TRANSIENT);
+  if (sqlite3_step(q.get()) == SQLITE_ROW) {
+    usage.used = sqlite3_column_double(q.get(), 0);
+    usage.curfewUsed = sqlite3_column_double(q.get(), 1);
+  }
+  return usage;
+}
+
+bool UsageStore::add(const std::vector<UsageDelta>& deltas) {
+  if (deltas.empty()) return true;
+  if (!execute("BEGIN IMMEDIATE")) return false;
+  Statement upsert(db_,
+                   "INSERT INTO usage(uid, day, used, curfew_used) VALUES(?1, ?2, ?3, ?4)"
+                   " ON CONFLICT(uid, day) DO UPDATE SET used = used + ?3,"
+                   " curfew_used = curfew_used + ?4");
+  bool ok = bool(upsert);
+  for (const UsageDelta& d : deltas) {
+    if (!ok) break;
+    sqlite3_reset(upsert.get());
+    sqlite3_bind_int64(upsert.get(), 1, d.uid);
+    sqlite3_bind_text(upsert.get(), 2, d.day.c_str(), int(d.day.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_double(upsert.get(), 3, d.add.used);
+    sqlite3_bind_double(upsert.get(), 4, d.add.curfewUsed);
+    ok = sqlite3_step(upsert.get()) == SQLITE_DONE;
+  }
+  if (!ok) {
+    GW_LOG(0, "*** usage database: %s", sqlite3_errmsg(db_));
+    execute("ROLLBACK");
+    return false;
+  }
+  return execute("COMMIT");
+}
+
+bool UsageStore::reset(uid_t uid, const std::string& day) {
+  if (!execute("BEGIN IMMEDIATE")) return false;
+  Statement del(db_, "DELETE FROM usage WHERE uid = ?1 AND day = ?2");
+  bool ok = bool(del);
+  if (ok) {
+    sqlite3_bind_int64(del.get(), 1, uid);
+    sqlite3_bind_text(del.get(), 2, day.c_str(), int(day.size()), SQLITE_TRANSIENT);
+    ok = sqlite3_step(del.get()) == SQLITE_DONE;
+  }
+  if (!ok) {
+    execute("ROLLBACK");
+    return false;
+  }
+  return execute("COMMIT");
+}
+
+bool UsageStore::recordEvent(uid_t uid, double unixTime, const std::string& kind,
+                             const std::string& detail) {
+  if (!execute("BEGIN IMMEDIATE")) return false;
+  Statement ins(db_, "INSERT INTO events(uid, at, kind, detail) VALUES(?1, ?2, ?3, ?4)");
+  bool ok = bool(ins);
+  if (ok) {
+    sqlite3_bind_int64(ins.get(), 1, uid);
+    sqlite3_bind_double(ins.get(), 2, unixTime);
+    sqlite3_bind_text(ins.get(), 3, kind.c_str(), int(kind.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(ins.get(), 4, detail.c_str(), int(detail.size()), SQLITE_TRANSIENT);
+    ok = sqlite3_step(ins.get()) == SQLITE_DONE;
+  }
+  if (!ok) {
+    execute("ROLLBACK");
+    return false;
+  }
+  return execute("COMMIT");
+}
+
+int UsageStore::eventCount(uid_t uid, const std::string& kind) const {
+  Statement q(db_, "SELECT count(*) FROM events WHERE uid = ?1 AND kind = ?2");
+  if (!q) return 0;
+  sqlite3_bind_int64(q.get(), 1, uid);
+  sqlite3_bind_text(q.get(), 2, kind.c_str(), int(kind.size()), SQLITE_TRANSIENT);
+  return sqlite3_step(q.get()) == SQLITE_ROW ? sqlite3_column_int(q.get(), 0) : 0;
+}
+
+}  // namespace gw::daemon
