@@ -77,7 +77,8 @@ void rawServer(int listener, std::atomic<bool>* stop) {
     while (have < sizeof request && (n = ::read(fd, request + have, sizeof request - have)) > 0) {
       have += std::size_t(n);
     }
-    if (have == sizeof request) [[maybe_unused]] auto w = ::send(fd, reply, sizeof reply, MSG_NOSIGNAL);
+    if (have == sizeof request) [[maybe_unused]]
+      auto w = ::send(fd, reply, sizeof reply, MSG_NOSIGNAL);
     ::close(fd);
   }
 }
@@ -164,16 +165,18 @@ int main(int argc, char** argv) {
         i % 2 ? "<key>allowancesActive</key><true/><key>allowances</key><array><dict>"
                 "<key>timeLimitSeconds</key><integer>7200</integer><key>fromDay</key><integer>0"
                 "</integer><key>toDay</key><integer>6</integer></dict></array>"
-              : "<key>curfews</key><dict>" + [] {
-                  std::string days;
-                  for (const char* d : {"sunday", "monday", "tuesday", "wednesday", "thursday",
-                                        "friday", "saturday"}) {
-                    days += std::string("<key>") + d +
-                            "</key><array><dict><key>start</key><string>21:00:00</string>"
-                            "<key>end</key><string>23:59:59</string></dict></array>";
-                  }
-                  return days;
-                }() + "</dict>";
+              : "<key>curfews</key><dict>" +
+                    [] {
+                      std::string days;
+                      for (const char* d : {"sunday", "monday", "tuesday", "wednesday", "thursday",
+                                            "friday", "saturday"}) {
+                        days += std::string("<key>") + d +
+                                "</key><array><dict><key>start</key><string>21:00:00</string>"
+                                "<key>end</key><string>23:59:59</string></dict></array>";
+                      }
+                      return days;
+                    }() +
+                    "</dict>";
     writeFile(root / "Library/Managed Preferences" / name / "com.morvane.gatewise.timelimits.plist",
               "<plist><dict><key>limits-list</key><array><dict><key>itemType</key><string>"
               "com.morvane.gatewise.timelimits.computer</string><key>enabled</key><true/>" +

@@ -318,6 +318,11 @@ void Manager::armTimer() {
     due = monotonic + std::uint64_t(std::min(delay, 86400.0 * 8) * 1e6);
   }
   if (nextFlush_) due = due ? std::min(*due, *nextFlush_) : *nextFlush_;
+  // Requests come far more often than decisions change: leave an unchanged timer alone (within a
+  // millisecond), which saves reprogramming it on every request.
+  auto same = [](std::uint64_t a, std::uint64_t b) { return (a > b ? a - b : b - a) < 1000; };
+  if (armedFor_ && due && same(*armedFor_, *due) && timerArmed()) return;
+  armedFor_ = due;
   if (!due) {
     sd_event_source_set_enabled(timer_, SD_EVENT_OFF);
     return;

@@ -139,6 +139,7 @@ class Manager {
   std::map<uid_t, int> actionsTaken_;
   std::optional<plist::Date> wakeAt_;
   std::optional<std::uint64_t> nextFlush_;  // monotonic microseconds
+  std::optional<std::uint64_t> armedFor_;   // what the timer is set to, to skip resetting it
 };
 
 // Registers the handler of every daemon routine (the routine table) on dispatcher.
