@@ -67,8 +67,9 @@ std::optional<uid_t> realUidOfLiveProcess(int procFolder, pid_t pid) {
 bool signalIfOwnedBy(int procFolder, pid_t pid, uid_t uid, int signal) {
   fs::UniqueFd pidfd(openPidfd(pid));
   if (!pidfd) {
-    if (errno != ENOSYS) return false;  // gone already
-    if (!gWarnedNoPidfd.exchange(true)) {
+    if (errno == ESRCH) return false;  // gone already
+    // No pidfds (an old kernel) or none to spare: the signal goes by pid, right after the check.
+    if (errno == ENOSYS && !gWarnedNoPidfd.exchange(true)) {
       GW_LOG(0, "*** no pidfds on this kernel; signalling processes by pid");
     }
   }

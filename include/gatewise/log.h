@@ -18,6 +18,7 @@
 
 #include <gatewise/export.h>
 #include <gatewise/format.h>
+#include <gatewise/framework_log.h>
 
 #include <atomic>
 #include <cstdint>
@@ -25,8 +26,6 @@
 #include <functional>
 #include <string>
 #include <string_view>
-
-GW_EXTERN_C std::int32_t gGWFrameworkLoggingLevel;
 
 namespace gw {
 
@@ -46,7 +45,8 @@ inline bool logLevelEnabled(std::int32_t level) {
 // A null function is written as "unknown".
 GW_EXPORT void writeLogLine(const char* function, std::int32_t line, std::string_view message);
 
-// The log entry: writes the message when level is at most the threshold.
+// The log entry for C++ callers: writes the message when level is at most the threshold. C host
+// programs call ::GWFrameworkLog (gatewise/framework_log.h), which takes printf arguments.
 template <class... Args>
 inline void GWFrameworkLog(std::int32_t level, const char* function, std::int32_t line,
                            std::string_view format, const Args&... args) {
@@ -82,12 +82,25 @@ R returningOnException(const char* function, std::int32_t line, R failure, Body&
 
 }  // namespace gw
 
-// GW_LOG(level, format, ...): logs with the calling function's name and line. The arguments are
-// not evaluated at all when the level is above the threshold.
-#define GW_LOG(level, ...)                                               \
-  do {                                                                   \
-    if (::gw::logLevelEnabled(level)) {                                  \
-      ::gw::writeLogLine(__func__, __LINE__, ::gw::format(__VA_ARGS__)); \
-    }                                                                    \
+namespace gw {
+
+// The name a log line gives its caller: `function` (the caller's __func__), except inside a lambda,
+// whose __func__ is "operator()": then the function that encloses the lambda, read from the
+// compiler's full signature `pretty` (__PRETTY_FUNCTION__). The returned text lives as long as the
+// process.
+GW_EXPORT const char* logFunctionName(const char* function, const char* pretty);
+
+}  // namespace gw
+
+#define GW_LOG_FUNCTION ::gw::logFunctionName(__func__, __PRETTY_FUNCTION__)
+
+// GW_LOG(level, format, ...): logs with the calling function's name and line (in a lambda, the
+// name of the function around it). The arguments are not evaluated at all when the level is above
+// the threshold.
+#define GW_LOG(level, ...)                                                      \
+  do {                                                                          \
+    if (::gw::logLevelEnabled(level)) {                                         \
+      ::gw::writeLogLine(GW_LOG_FUNCTION, __LINE__, ::gw::format(__VA_ARGS__)); \
+    }                                                                           \
   } while (0)
-#define GW_LOG_CAUGHT(exception) ::gw::logCaughtException(__func__, __LINE__, (exception))
+#define GW_LOG_CAUGHT(exception) ::gw::logCaughtException(GW_LOG_FUNCTION, __LINE__, (exception))

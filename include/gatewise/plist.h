@@ -2,10 +2,12 @@
 //
 // A Value is null, a boolean, an integer (the whole signed and unsigned 64-bit range), a real, a
 // UTF-8 string, a date, data, an array, a dictionary with string keys, a UID (keyed archives only)
-// or a shared GWObject (live objects in memory; never written). Arrays and dictionaries are shared
-// handles, like the reference types they stand for: copying a Value shares its container, and
-// mutableCopy/deepMutableCopy make new ones. A container may be immutable; mutating it then throws
-// GWException. Values are not synchronised: share one between threads only for reading.
+// or a shared GWObject (live objects in memory; never written). XML carries a UID as the
+// dictionary whose single key is "CF$UID" with an integer value, and reads that form back as a UID.
+// Arrays and dictionaries are shared handles, like the reference types they stand for: copying a
+// Value shares its container, and mutableCopy/deepMutableCopy make new ones. A container may be
+// immutable; mutating it then throws GWException. Values are not synchronised: share one between
+// threads only for reading.
 //
 // Reading detects the encoding (XML 1.0 or binary "bplist00"), bounds every offset and count,
 // refuses cycles and nesting deeper than ReadOptions::maxDepth, and reports failure as a result
@@ -261,7 +263,7 @@ GW_EXPORT void makeImmutable(const Value& v);
 
 enum class Format { XML, Binary };
 
-// Whether v can be written in format: no objects or nulls anywhere, UIDs only in binary.
+// Whether v can be written in format: no objects or nulls anywhere. UIDs are valid in both.
 GW_EXPORT bool isValidPropertyList(const Value& v, Format format);
 
 // The classic description text that "%@" prints: strings bare at top level and quoted inside
@@ -273,8 +275,9 @@ enum class Mutability { Immutable, MutableContainers };
 
 struct ReadOptions {
   Mutability mutability = Mutability::Immutable;
-  // Read XML dictionaries of the single key "CF$UID" with an integer as UIDs (keyed archives).
-  bool xmlUIDDictionaries = false;
+  // Read XML dictionaries of the single key "CF$UID" with a non-negative integer as UIDs, the form
+  // the XML writer gives them (keyed archives). Off: such dictionaries stay dictionaries.
+  bool xmlUIDDictionaries = true;
   // Deeper nesting is refused.
   unsigned maxDepth = 512;
 };

@@ -3,10 +3,17 @@
 
   plistlib_tool.py generate DIR COUNT xml|binary SEED
       writes DIR/<i>.plist (random nested property lists) and DIR/<i>.dump (their canonical text)
-  plistlib_tool.py compare DIR COUNT SUFFIX [--ints-mod-64]
+  plistlib_tool.py compare DIR COUNT SUFFIX [--ints-mod-64|--uids-as-dicts|--uids-from-xml]
       reads DIR/<i>.plist and DIR/<i>.SUFFIX and checks they hold equal values; prints each
       difference and exits 1 when any. --ints-mod-64 compares integers modulo 2**64, for readers
-      that keep no sign.
+      that keep no sign. --uids-as-dicts compares each UID as the dictionary {"CF$UID": n}, the
+      form XML carries it in (plistlib writes no UID to XML and reads that form as a dictionary).
+      --uids-from-xml compares with DIR/<i>.uidxml instead of DIR/<i>.plist, its CF$UID
+      dictionaries as UIDs.
+  plistlib_tool.py uids-as-xml DIR COUNT
+      writes DIR/<i>.uidxml: DIR/<i>.plist as XML, each UID as the dictionary {"CF$UID": n}, and
+      DIR/<i>.uiddump: the canonical text of what plistlib reads back from it, those dictionaries
+      as UIDs (plistlib's XML keeps no carriage return, so this may differ from DIR/<i>.dump)
   plistlib_tool.py dump FILE
       prints the canonical text of one file
 
@@ -96,6 +103,26 @@ def without_nan(v):
     return v
 
 
+def uids_as_dicts(v):
+    if isinstance(v, plistlib.UID):
+        return {"CF$UID": v.data}
+    if isinstance(v, list):
+        return [uids_as_dicts(x) for x in v]
+    if isinstance(v, dict):
+        return {k: uids_as_dicts(x) for k, x in v.items()}
+    return v
+
+
+def dicts_as_uids(v):
+    if isinstance(v, list):
+        return [dicts_as_uids(x) for x in v]
+    if isinstance(v, dict):
+        if len(v) == 1 and isinstance(v.get("CF$UID"), int) and v["CF$UID"] >= 0:
+            return plistlib.UID(v["CF$UID"])
+        return {k: dicts_as_uids(x) for k, x in v.items()}
+    return v
+
+
 def canonical(v, ints_mod_64=False):
     if isinstance(v, bool):
         return "b:1" if v else "b:0"
@@ -145,12 +172,29 @@ def generate(folder, count, fmt, seed):
     return 0
 
 
-def compare(folder, count, suffix, ints_mod_64):
+def uids_as_xml(folder, count):
+    for i in range(count):
+        value = uids_as_dicts(load("%s/%d.plist" % (folder, i)))
+        data = plistlib.dumps(value, fmt=plistlib.FMT_XML)
+        with open("%s/%d.uidxml" % (folder, i), "wb") as f:
+            f.write(data)
+        with open("%s/%d.uiddump" % (folder, i), "w") as f:
+            f.write(canonical(dicts_as_uids(plistlib.loads(data))))
+    return 0
+
+
+def compare(folder, count, suffix, option):
+    ints_mod_64 = option == "--ints-mod-64"
+    convert = uids_as_dicts if option == "--uids-as-dicts" else (lambda v: v)
     failures = 0
     for i in range(count):
-        expected = canonical(load("%s/%d.plist" % (folder, i)), ints_mod_64)
+        if option == "--uids-from-xml":
+            original = dicts_as_uids(load("%s/%d.uidxml" % (folder, i)))
+        else:
+            original = convert(load("%s/%d.plist" % (folder, i)))
+        expected = canonical(original, ints_mod_64)
         try:
-            actual = canonical(load("%s/%d.%s" % (folder, i, suffix)), ints_mod_64)
+            actual = canonical(convert(load("%s/%d.%s" % (folder, i, suffix))), ints_mod_64)
         except Exception as e:  # any reader failure is a difference to report
             actual = "unreadable: %s" % e
         if actual != expected:
@@ -167,7 +211,9 @@ def main(argv):
     if len(argv) == 5 and argv[0] == "generate":
         return generate(argv[1], int(argv[2]), argv[3], int(argv[4]))
     if len(argv) in (4, 5) and argv[0] == "compare":
-        return compare(argv[1], int(argv[2]), argv[3], argv[4:] == ["--ints-mod-64"])
+        return compare(argv[1], int(argv[2]), argv[3], argv[4] if len(argv) == 5 else None)
+    if len(argv) == 3 and argv[0] == "uids-as-xml":
+        return uids_as_xml(argv[1], int(argv[2]))
     if len(argv) == 2 and argv[0] == "dump":
         print(canonical(load(argv[1])))
         return 0

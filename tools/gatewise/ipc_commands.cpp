@@ -20,32 +20,10 @@
 #include <vector>
 
 #include "cli.h"
+#include "out_file.h"
 
 namespace gwcli {
 namespace {
-
-// Writes bytes to path through a temporary file created exclusively in the same folder, synced
-// and renamed over it: nothing planted under a fixed name is written through, and a reader sees
-// the old file or the new one.
-bool writeOutFile(const std::string& path, const char* bytes, std::size_t size) {
-  std::string temporary = path + ".XXXXXX";
-  int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = ::fchmod(fd, 0644) == 0;
-  for (std::size_t done = 0; ok && done < size;) {
-    ssize_t n = ::write(fd, bytes + done, size - done);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) done += std::size_t(n);
-  }
-  ok = ok && ::fsync(fd) == 0;
-  ok = ::close(fd) == 0 && ok;
-  ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
-  int saved = errno;
-  if (!ok) ::unlink(temporary.c_str());
-  errno = saved;
-  return ok;
-}
 
 std::optional<std::int64_t> parseInteger(const std::string& text) {
   std::int64_t value = 0;
@@ -202,7 +180,8 @@ int ipcCall(const CallOptions& options) {
                 routine->replyOut[0].name.data(), dataCount);
     if (!options.out.empty()) {
       // Atomic, through an exclusively created temporary file: never written through a link.
-      if (!writeOutFile(options.out, reinterpret_cast<const char*>(data), dataCount)) {
+      if (!writeOutFile(options.out,
+                        std::string_view(reinterpret_cast<const char*>(data), dataCount))) {
         exitCode = fail("cannot write " + options.out + ": " + std::strerror(errno));
       }
     }

@@ -14,8 +14,10 @@
 #include <gatewise/status.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -24,6 +26,7 @@
 #include <sstream>
 
 #include "cli.h"
+#include "out_file.h"
 
 namespace gwcli {
 namespace {
@@ -145,9 +148,10 @@ int writeArchive(const std::string& out, const std::vector<std::string>& itemTex
   std::vector<std::uint8_t> bytes = gw::archive::archivedDataWithRootObject(
       gw::plist::Value(items), xml ? gw::plist::Format::XML : gw::plist::Format::Binary);
   if (bytes.empty()) return fail("could not archive the items");
-  std::ofstream file(out, std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-  if (!file.flush()) return fail("cannot write " + out);
+  if (!writeOutFile(out,
+                    std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()))) {
+    return fail("cannot write " + out + ": " + std::strerror(errno));
+  }
   return kExitYes;
 }
 

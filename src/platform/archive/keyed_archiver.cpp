@@ -121,7 +121,8 @@ Value KeyedArchiver::encodeContainer(const void* identity, const std::function<V
 }
 
 Value KeyedArchiver::encodeObject(const GWObjectRef& object) {
-  auto coder = coderForType(std::type_index(typeid(*object)));
+  const GWObject& target = *object;
+  auto coder = coderForType(std::type_index(typeid(target)));
   if (!coder) throw ArchiveFailure{"no coder for " + object->description()};
   return encodeContainer(object.get(), [&] {
     auto fields = plist::Dictionary::make();

@@ -35,8 +35,8 @@ ReadResult readPropertyListFile(const std::string& path, const ReadOptions& opti
 std::optional<std::string> writePropertyList(const Value& v, Format format, std::string* error) {
   if (!isValidPropertyList(v, format)) {
     if (error) {
-      *error = format == Format::XML ? "not a property list for XML (null, object or UID inside)"
-                                     : "not a property list for binary (null or object inside)";
+      *error = std::string("not a property list for ") +
+               (format == Format::XML ? "XML" : "binary") + " (null or object inside)";
     }
     return std::nullopt;
   }

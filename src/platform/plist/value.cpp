@@ -324,8 +324,6 @@ bool isValidPropertyList(const Value& v, Format format) {
     case Type::Null:
     case Type::Object:
       return false;
-    case Type::UID:
-      return format == Format::Binary;
     case Type::Array:
       for (const Value& item : *v.array()) {
         if (!isValidPropertyList(item, format)) return false;

@@ -6,7 +6,9 @@
 // Strings escape "&", "<" and ">", and a carriage return as "&#13;" so that XML's line-end
 // normalisation cannot turn it into a line feed on reading. Control characters that XML 1.0 cannot
 // carry at all are written through unchanged, as other writers do; such strings only survive the
-// binary encoding. Dictionary keys come out in the map's (byte-wise sorted) order.
+// binary encoding. Dictionary keys come out in the map's (byte-wise sorted) order. A UID is
+// written as the dictionary of the single key "CF$UID" with its value, the form other readers
+// and writers use and the reader turns back into a UID.
 #include "platform/plist/codec.h"
 #include "platform/plist/scalar_text.h"
 
@@ -131,8 +133,20 @@ void XMLWriter::write(const Value& v, unsigned level) {
       out_ += "</dict>\n";
       return;
     }
+    case Type::UID:
+      indent(level);
+      out_ += "<dict>\n";
+      indent(level + 1);
+      out_ += "<key>CF$UID</key>\n";
+      indent(level + 1);
+      out_ += "<integer>";
+      text::appendInteger(out_, Integer::fromUnsigned(v.uid().value));
+      out_ += "</integer>\n";
+      indent(level);
+      out_ += "</dict>\n";
+      return;
     default:
-      // Null, UIDs and objects were refused by isValidPropertyList before writing began.
+      // Null and objects were refused by isValidPropertyList before writing began.
       return;
   }
 }

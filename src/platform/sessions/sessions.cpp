@@ -1,22 +1,49 @@
 #include "platform/sessions/sessions.h"
 
 #include <pwd.h>
+#include <systemd/sd-bus.h>
+#include <systemd/sd-daemon.h>
 #include <systemd/sd-login.h>
 #include <unistd.h>
 #include <utmpx.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+
+#include "platform/fs/root.h"
+#include "platform/notify/system_bus.h"
 
 namespace gw::sessions {
 namespace {
 
 std::mutex gUtmpxMutex;  // the utmpx reading functions keep one process-wide cursor
 std::string gTestUtmpxFile;
+std::atomic<int> gBootedForTesting{-1};  // -1: ask sd_booted()
 
-// logind publishes its seats here while it runs (the test libsystemd itself uses).
-bool logindIsRunning() { return ::access("/run/systemd/seats/", F_OK) == 0; }
+constexpr const char* kLogindBusName = "org.freedesktop.login1";
+
+bool bootedWithSystemd() {
+  int forced = gBootedForTesting.load();
+  return forced >= 0 ? forced == 1 : sd_booted() > 0;
+}
+
+// Whether name has an owner on the system bus; false when the bus cannot be asked.
+bool systemBusNameHasOwner(const char* name) {
+  std::string error;
+  notify::BusPtr bus = notify::openSystemBus(&error);
+  if (!bus) return false;
+  sd_bus_error callError = SD_BUS_ERROR_NULL;
+  sd_bus_message* reply = nullptr;
+  int owned = 0;
+  int r = sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                             "org.freedesktop.DBus", "NameHasOwner", &callError, &reply, "s", name);
+  if (r >= 0) r = sd_bus_message_read(reply, "b", &owned);
+  sd_bus_message_unref(reply);
+  sd_bus_error_free(&callError);
+  return r >= 0 && owned;
+}
 
 std::string nameForUID(uid_t uid) {
   struct passwd entry, *found = nullptr;
@@ -78,7 +105,7 @@ std::optional<std::vector<LoginSession>> sessionsFromLogind() {
 
 std::optional<std::vector<LoginSession>> sessionsFromUtmpx(const std::string& path) {
   std::lock_guard lock(gUtmpxMutex);
-  std::string file = path.empty() ? std::string(_PATH_UTMPX) : path;
+  std::string file = path.empty() ? fs::rootedPath(_PATH_UTMPX) : path;
   if (::access(file.c_str(), R_OK) != 0) return std::nullopt;
   if (::utmpxname(file.c_str()) != 0) return std::nullopt;
   std::vector<LoginSession> sessions;
@@ -97,6 +124,16 @@ std::optional<std::vector<LoginSession>> sessionsFromUtmpx(const std::string& pa
   ::endutxent();
   ::utmpxname(_PATH_UTMPX);
   return sessions;
+}
+
+bool logindIsRunning() {
+  // A container image may carry /run/systemd with nobody behind it: only a logind that systemd
+  // booted and that answers on the bus counts.
+  return bootedWithSystemd() && systemBusNameHasOwner(kLogindBusName);
+}
+
+void setBootedForTesting(std::optional<bool> booted) {
+  gBootedForTesting = booted ? int(*booted) : -1;
 }
 
 void setUtmpxFileForTesting(const std::string& path) {

@@ -80,6 +80,43 @@ TEST_P(PlistlibRoundTripTest, PlistutilReadsWhatWeWrite) {
   EXPECT_EQ(compared.status, 0) << compared.out << compared.err;
 }
 
+// Keyed archives hold UIDs. Binary documents with UIDs, written by plistlib, convert to XML that
+// plistlib reads with each UID as the dictionary {"CF$UID": n}; plistlib's XML holding those
+// dictionaries reads here as UIDs again, and converts to binary that plistlib reads as UIDs.
+TEST(PlistlibUIDTest, UIDsConvertToCFUIDDictionariesAndBack) {
+  gwtest::TempRoot root;
+  const std::string dir = root.makeFolder("/plists");
+  auto gen = gwtest::runPythonScript("plistlib_tool.py",
+                                     {"generate", dir, std::to_string(kDocuments), "binary", "3"});
+  ASSERT_EQ(gen.status, 0) << gen.err;
+  auto asXML =
+      gwtest::runPythonScript("plistlib_tool.py", {"uids-as-xml", dir, std::to_string(kDocuments)});
+  ASSERT_EQ(asXML.status, 0) << asXML.err;
+
+  int withUIDs = 0;
+  for (int i = 0; i < kDocuments; ++i) {
+    const std::string base = dir + "/" + std::to_string(i);
+    ReadResult binary = readPropertyListFile(base + ".plist");
+    ASSERT_TRUE(binary) << "document " << i << ": " << binary.error;
+    if (slurp(base + ".dump").find("u:") != std::string::npos) ++withUIDs;
+    std::string error;
+    ASSERT_TRUE(writePropertyListFile(base + ".xml", *binary.value, Format::XML, &error)) << error;
+
+    ReadResult fromPlistlibXML = readPropertyListFile(base + ".uidxml");
+    ASSERT_TRUE(fromPlistlibXML) << "document " << i << ": " << fromPlistlibXML.error;
+    EXPECT_EQ(gwtest::canonicalText(*fromPlistlibXML.value), slurp(base + ".uiddump"))
+        << "document " << i;
+    ASSERT_TRUE(writePropertyListFile(base + ".bin", *fromPlistlibXML.value, Format::Binary));
+  }
+  EXPECT_GT(withUIDs, kDocuments / 4);
+  auto ourXML = gwtest::runPythonScript(
+      "plistlib_tool.py", {"compare", dir, std::to_string(kDocuments), "xml", "--uids-as-dicts"});
+  EXPECT_EQ(ourXML.status, 0) << ourXML.out << ourXML.err;
+  auto ourBinary = gwtest::runPythonScript(
+      "plistlib_tool.py", {"compare", dir, std::to_string(kDocuments), "bin", "--uids-from-xml"});
+  EXPECT_EQ(ourBinary.status, 0) << ourBinary.out << ourBinary.err;
+}
+
 INSTANTIATE_TEST_SUITE_P(BothEncodings, PlistlibRoundTripTest,
                          testing::Values(Format::XML, Format::Binary),
                          [](const testing::TestParamInfo<Format>& info) {

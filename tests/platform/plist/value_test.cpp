@@ -57,10 +57,11 @@ TEST(PlistValueTest, StrictAccessThrowsAndLenientAccessConverts) {
   EXPECT_THROW((void)Value::newArray().array()->at(0), GWException);
 }
 
-TEST(PlistValueTest, ValidityDependsOnFormat) {
+TEST(PlistValueTest, UIDsAreValidInBothEncodingsNullsAndObjectsInNeither) {
   Value withUID = Value::newArray({UID{3}});
   EXPECT_TRUE(isValidPropertyList(withUID, Format::Binary));
-  EXPECT_FALSE(isValidPropertyList(withUID, Format::XML));
+  EXPECT_TRUE(isValidPropertyList(withUID, Format::XML));
+  EXPECT_FALSE(isValidPropertyList(Value::newArray({UID{3}, Value()}), Format::XML));
   EXPECT_FALSE(isValidPropertyList(Value::newDictionary({{"k", Value()}}), Format::Binary));
   EXPECT_TRUE(isValidPropertyList(Value::newDictionary({{"k", Data{1, 2}}}), Format::XML));
 }

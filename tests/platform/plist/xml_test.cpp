@@ -149,16 +149,36 @@ TEST(PlistXMLTest, NestingDeeperThanTheBoundIsRefused) {
   EXPECT_NE(failure(nested(200000)).find("deeper than 512"), std::string::npos);
 }
 
-TEST(PlistXMLTest, CFUIDDictionariesBecomeUIDsOnlyWhenAsked) {
+TEST(PlistXMLTest, UIDsTravelAsCFUIDDictionaries) {
   const std::string uid = "<dict><key>CF$UID</key><integer>7</integer></dict>";
-  ReadOptions options;
-  options.xmlUIDDictionaries = true;
-  EXPECT_EQ(read("<array>" + uid + "</array>", options).array()->at(0), Value(UID{7}));
-  EXPECT_TRUE(read(uid).isDictionary());
-  EXPECT_TRUE(read("<dict><key>CF$UID</key><integer>-1</integer></dict>", options).isDictionary());
-  EXPECT_TRUE(read("<dict><key>CF$UID</key><string>7</string></dict>", options).isDictionary());
-  EXPECT_TRUE(read("<dict><key>CF$UID</key><integer>7</integer><key>x</key><true/></dict>", options)
-                  .isDictionary());
+  EXPECT_EQ(read("<array>" + uid + "</array>").array()->at(0), Value(UID{7}));
+  EXPECT_EQ(read("<dict><key>CF$UID</key><integer>18446744073709551615</integer></dict>"),
+            Value(UID{UINT64_MAX}));
+  // Only the exact form is a UID: other single-key dictionaries stay dictionaries.
+  EXPECT_TRUE(read("<dict><key>CF$UID</key><integer>-1</integer></dict>").isDictionary());
+  EXPECT_TRUE(read("<dict><key>CF$UID</key><string>7</string></dict>").isDictionary());
+  EXPECT_TRUE(read("<dict><key>CF$UID</key><real>7</real></dict>").isDictionary());
+  EXPECT_TRUE(read("<dict><key>CF$UIDx</key><integer>7</integer></dict>").isDictionary());
+  EXPECT_TRUE(
+      read("<dict><key>CF$UID</key><integer>7</integer><key>x</key><true/></dict>").isDictionary());
+  ReadOptions plain;
+  plain.xmlUIDDictionaries = false;
+  EXPECT_TRUE(read(uid, plain).isDictionary());
+
+  // Written as that dictionary, at the element's indentation, and read back as UIDs.
+  Value archive =
+      Value::newDictionary({{"$top", Value::newDictionary({{"root", UID{1}}})},
+                            {"$objects", Value::newArray({"$null", UID{0}, UID{UINT64_MAX}})}});
+  std::optional<std::string> xml = writePropertyList(archive, Format::XML);
+  ASSERT_TRUE(xml);
+  EXPECT_NE(xml->find("\t\t<dict>\n\t\t\t<key>CF$UID</key>\n\t\t\t<integer>1</integer>\n\t\t"
+                      "</dict>\n"),
+            std::string::npos)
+      << *xml;
+  EXPECT_NE(xml->find("<integer>18446744073709551615</integer>"), std::string::npos);
+  ReadResult back = readPropertyList(*xml);
+  ASSERT_TRUE(back) << back.error;
+  EXPECT_EQ(*back.value, archive);
 }
 
 TEST(PlistXMLTest, ContainersAreImmutableUnlessMutableContainersAreAsked) {
@@ -252,7 +272,7 @@ TEST(PlistXMLTest, WriterWrapsDataAndKeepsWhatXMLWouldNormalise) {
   ReadResult nanBack = readPropertyList(*writePropertyList(nan, Format::XML));
   EXPECT_TRUE(std::isnan(nanBack.value->real()));
 
-  EXPECT_FALSE(writePropertyList(Value::newArray({UID{1}}), Format::XML));
+  EXPECT_FALSE(writePropertyList(Value::newArray({Value()}), Format::XML));
 }
 
 TEST(PlistDescriptionTest, ClassicTextOfEachType) {

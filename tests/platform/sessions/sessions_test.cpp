@@ -2,11 +2,13 @@
 
 #include <gatewise/core.h>
 #include <gtest/gtest.h>
+#include <systemd/sd-bus.h>
 #include <utmpx.h>
 
 #include <cstring>
 #include <fstream>
 
+#include "support/bus_fixture.h"
 #include "support/temp_root.h"
 
 namespace gw::sessions {
@@ -58,6 +60,31 @@ TEST(SessionsTest, UserIsLoggedInReadsTheSessionList) {
   EXPECT_FALSE(copySessionList());
   EXPECT_FALSE(UserIsLoggedIn(0));
   setUtmpxFileForTesting("");
+}
+
+TEST(SessionsTest, StaleSystemdFoldersWithoutLogindOnTheBusFallBackToUtmpx) {
+  gwtest::PrivateBus bus;
+  gwtest::TempRoot root;
+  root.makeFolder("/run/systemd/seats");
+  root.makeFolder("/run/systemd/system");
+  writeUtmp(root);  // <root>/var/run/utmp, where the fallback looks
+
+  setBootedForTesting(true);  // as a container whose image says systemd booted it
+  EXPECT_FALSE(logindIsRunning());
+  auto sessions = copySessionList();
+  ASSERT_TRUE(sessions);
+  ASSERT_EQ(sessions->size(), 2u);
+  EXPECT_TRUE((*sessions)[1].onConsole);
+
+  // A logind on the bus (a stand-in holding its name) is believed only when systemd booted.
+  sd_bus* standIn = nullptr;
+  ASSERT_GE(sd_bus_open_system(&standIn), 0);
+  ASSERT_GE(sd_bus_request_name(standIn, "org.freedesktop.login1", 0), 0);
+  EXPECT_TRUE(logindIsRunning());
+  setBootedForTesting(false);
+  EXPECT_FALSE(logindIsRunning());
+  sd_bus_flush_close_unref(standIn);
+  setBootedForTesting(std::nullopt);
 }
 
 }  // namespace
