@@ -9,8 +9,8 @@
 
 #include "ipc/message_codec.h"
 #include "ipc/routine_catalogue.h"
-#include "platform/mach/frame.h"
 #include "platform/fs/unique_fd.h"
+#include "platform/mach/frame.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;

@@ -256,20 +256,29 @@ class GW_EXPORT Dictionary {
 
 // A new mutable container holding the same elements (shallow); other values come back unchanged.
 GW_EXPORT Value mutableCopy(const Value& v);
-// Mutable containers all the way down; leaves are shared or copied as values.
+// Mutable containers all the way down; leaves are shared or copied as values. A container held in
+// several places is copied once, and its copy is held in the same places (cycles included).
 GW_EXPORT Value deepMutableCopy(const Value& v);
 // Marks the container and every container below it immutable, in place.
 GW_EXPORT void makeImmutable(const Value& v);
 
 enum class Format { XML, Binary };
 
-// Whether v can be written in format: no objects or nulls anywhere. UIDs are valid in both.
+// Whether v can be written in format: no objects or nulls anywhere, and no container inside itself.
+// UIDs are valid in both.
 GW_EXPORT bool isValidPropertyList(const Value& v, Format format);
 
 // The classic description text that "%@" prints: strings bare at top level and quoted inside
 // containers where needed, arrays as "(\n    a,\n    b\n)", dictionaries as "{\n    key =
 // value;\n}".
+// Containers shared in several places are written out at each place, so the text of a small value
+// can be enormous: past kMaxDescriptionSize bytes it is cut off and ends in "...". A container
+// inside itself is written as "(...)" or "{...}" where it recurs.
 GW_EXPORT std::string description(const Value& v);
+inline constexpr std::size_t kMaxDescriptionSize = std::size_t(64) << 20;
+// The description, or nullopt when it would be longer than maxBytes (decided before writing when
+// the value's shape already shows it).
+GW_EXPORT std::optional<std::string> description(const Value& v, std::size_t maxBytes);
 
 enum class Mutability { Immutable, MutableContainers };
 

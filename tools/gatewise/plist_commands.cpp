@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "cli.h"
 
@@ -17,6 +18,7 @@ namespace gwcli {
 namespace {
 
 constexpr const char* kStandardStream = "-";
+constexpr std::size_t kMaxPrintedText = std::size_t(1) << 30;
 
 struct ConvertOptions {
   std::string format;
@@ -54,6 +56,14 @@ bool writeStandardOutput(const std::string& bytes) {
   return true;
 }
 
+// A large value takes about as long to free as to read, and the process ends right after the
+// command: the value is left for the exit to reclaim. It stays reachable from a static, so leak
+// checkers do not count it.
+void keepUntilExit(gw::plist::Value value) {
+  static auto* kept = new std::vector<gw::plist::Value>();
+  kept->push_back(std::move(value));
+}
+
 // Reads IN ("-": standard input) or fails with the reader's one-line reason.
 std::optional<gw::plist::Value> readInput(const std::string& input, std::string& error) {
   gw::plist::ReadResult result;
@@ -76,6 +86,7 @@ int convert(const ConvertOptions& options) {
   std::string error;
   std::optional<gw::plist::Value> value = readInput(options.input, error);
   if (!value) return fail(error);
+  keepUntilExit(*value);
   gw::plist::Format format =
       options.format == "binary" ? gw::plist::Format::Binary : gw::plist::Format::XML;
   if (options.output == kStandardStream) {
@@ -94,8 +105,16 @@ int print(const std::string& input) {
   std::string error;
   std::optional<gw::plist::Value> value = readInput(input, error);
   if (!value) return fail(error);
-  std::string text = gw::plist::description(*value) + "\n";
-  return writeStandardOutput(text) ? kExitYes : fail("cannot write standard output");
+  keepUntilExit(*value);
+  // A small file can describe an enormous text (containers held in many places are written out at
+  // each): refuse it rather than print without end.
+  std::optional<std::string> text = gw::plist::description(*value, kMaxPrintedText);
+  if (!text) {
+    return fail("cannot print " + input + ": its text would be larger than " +
+                std::to_string(kMaxPrintedText >> 20) + " MiB (containers held in many places)");
+  }
+  *text += "\n";
+  return writeStandardOutput(*text) ? kExitYes : fail("cannot write standard output");
 }
 
 void registerPlistCommands(CLI::App& app, Context& context) {

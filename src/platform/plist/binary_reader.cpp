@@ -5,10 +5,11 @@
 // division so that count * width cannot overflow. Cycles are found by marking the containers on
 // the current path. A file can still describe far more values than it has bytes (references to
 // the same object from many places, or objects whose offsets alias one another), so the reader
-// keeps a budget of the memory it makes (a fixed cost per value plus string and data bytes),
-// proportional to the file size, and refuses a file that exceeds it instead of hanging or
-// exhausting memory. Real documents stay far below it: a reference of at least one byte yields
-// one value, and repeated keys are short.
+// keeps a budget of the memory it makes, charged before each allocation: a container's element
+// slots when its count is known, and the bytes of strings, keys and data. The budget is a small
+// multiple of the file size (kBudgetPerByte), enough for the densest honest file (a dictionary of
+// one-byte references to shared keys and values costs about 60 bytes of memory per file byte);
+// a file that exceeds it is refused instead of exhausting memory.
 //
 // Sharing: data and (unless mutable containers were asked for) containers referenced from more
 // than one place are decoded at most twice and then shared, so the work stays linear without a
@@ -50,8 +51,14 @@ class BinaryReader {
   }
 
  private:
-  // What one value costs against the budget, about its size in memory with its container's share.
-  static constexpr std::uint64_t kValueCost = 64;
+  // Memory costs charged against the budget, in bytes: a container or data object (the object
+  // and its shared handle), an array element, a dictionary entry (a map node with its key and
+  // value). Slightly above the real sizes, to cover the allocator's own overhead.
+  static constexpr std::uint64_t kObjectCost = 64;
+  static constexpr std::uint64_t kElementCost = sizeof(Value);
+  static constexpr std::uint64_t kEntryCost = 48 + sizeof(std::string) + sizeof(Value);
+  static constexpr std::uint64_t kBudgetPerByte = 64;
+  static constexpr std::uint64_t kBudgetBase = std::uint64_t(16) << 20;
 
   // Per-object state for cycle detection and sharing.
   enum State : std::uint8_t { kUnseen, kOnPath, kSeenOnce, kShared };
@@ -97,7 +104,7 @@ class BinaryReader {
     if (!why.empty()) return fail("bad binary property list trailer: " + why);
     objectEnd_ = offsetTable_;
     state_.assign(objectCount_, kUnseen);
-    budget_ = 256 * std::uint64_t(size_) + (std::uint64_t(64) << 20);
+    budget_ = kBudgetPerByte * std::uint64_t(size_) + kBudgetBase;
     return true;
   }
 
@@ -151,7 +158,7 @@ class BinaryReader {
   bool readObject(std::uint64_t index, unsigned depth, Value& out) {
     std::uint64_t pos = 0;
     std::uint8_t marker = 0;
-    if (!locate(index, pos, marker) || !spend(index, kValueCost)) return false;
+    if (!locate(index, pos, marker)) return false;
     switch (marker & 0xF0) {
       case kSimple:
         if (marker == kNull || marker == kFill) {
@@ -248,7 +255,7 @@ class BinaryReader {
     std::uint64_t length = 0;
     if (!readCount(index, marker, pos, length)) return false;
     if (!fits(pos, length)) return failAt(index, "data runs past the object area");
-    if (!spend(index, length)) return false;
+    if (!spend(index, kObjectCost + length)) return false;
     const std::uint8_t* p = data_ + pos;
     out = Value(std::make_shared<const Data>(p, p + length));
     remember(index, out, 0);
@@ -284,7 +291,7 @@ class BinaryReader {
     if (count > (objectEnd_ - std::min(pos, objectEnd_)) / 2) {
       return failAt(index, "string runs past the object area");
     }
-    if (!spend(index, count * 2)) return false;
+    if (!spend(index, count * 3)) return false;  // the most UTF-8 that count units make
     return decodeUTF16(index, data_ + pos, count, out);
   }
 
@@ -326,7 +333,7 @@ class BinaryReader {
   bool readKey(std::uint64_t index, std::string& out) {
     std::uint64_t pos = 0;
     std::uint8_t marker = 0;
-    if (!locate(index, pos, marker) || !spend(index, kValueCost)) return false;
+    if (!locate(index, pos, marker)) return false;
     std::uint8_t type = marker & 0xF0;
     if (type != kASCIIString && type != kUTF16String) {
       return failAt(index, "dictionary key is not a string");
@@ -362,6 +369,11 @@ class BinaryReader {
     if (pos > objectEnd_ || count > (objectEnd_ - pos) / refSize_ / refsPerItem) {
       return failAt(index,
                     "container of " + std::to_string(count) + " items runs past the object area");
+    }
+    // Charged before the elements' storage is made: a count that passed the check above may
+    // still ask for far more memory than the file could honestly describe.
+    if (!spend(index, kObjectCost + count * (isDictionary ? kEntryCost : kElementCost))) {
+      return false;
     }
     const State before = State(state_[index]);
     const unsigned deepestBefore = deepest_;

@@ -13,10 +13,12 @@
 #include <functional>
 #include <limits>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/plist/binary_format.h"
 #include "platform/plist/codec.h"
+#include "platform/plist/shared_walk.h"
 
 namespace gw::plist {
 namespace {
@@ -209,8 +211,12 @@ class BinaryWriter {
     return o;
   }
 
-  static void countNodes(const Value& v, std::size_t& nodes, std::size_t& references) {
+  // Counts each shared container once, as flatten() writes it once.
+  void countNodes(const Value& v, std::size_t& nodes, std::size_t& references) {
     ++nodes;
+    if (const void* shared = walk::sharedContainer(v); shared && !counted_.insert(shared).second) {
+      return;
+    }
     if (const Array* array = v.ifArray()) {
       references += array->size();
       for (const Value& item : *array) countNodes(item, nodes, references);
@@ -421,8 +427,9 @@ class BinaryWriter {
   }
 
   std::string& out_;
-  std::vector<Object> objects_;  // in object-number order
-  std::vector<Slot> slots_;      // open addressing over objects_
+  std::unordered_set<const void*> counted_;  // shared containers seen by countNodes
+  std::vector<Object> objects_;              // in object-number order
+  std::vector<Slot> slots_;                  // open addressing over objects_
   std::vector<std::uint32_t> refs_;
   std::size_t interned_ = 0;  // objects in slots_
   std::size_t payloadBytes_ = 0;

@@ -5,6 +5,7 @@
 
 #include "platform/fs/file_io.h"
 #include "platform/plist/binary_format.h"
+#include "platform/plist/file_bytes.h"
 
 namespace gw::plist {
 
@@ -22,27 +23,28 @@ ReadResult readPropertyList(std::string_view bytes, const ReadOptions& options) 
 }
 
 ReadResult readPropertyListFile(const std::string& path, const ReadOptions& options) {
+  FileBytes file;
   std::string error;
-  std::optional<std::string> bytes = fs::readFile(path, kMaxPropertyListFileSize, &error);
-  if (!bytes) {
+  if (!readFileBytes(path, kMaxPropertyListFileSize, file, error)) {
     ReadResult failed;
     failed.error = error;
     return failed;
   }
-  return readPropertyList(std::string_view(*bytes), options);
+  return readPropertyList(std::span<const std::uint8_t>(file.bytes.get(), file.size), options);
 }
 
 std::optional<std::string> writePropertyList(const Value& v, Format format, std::string* error) {
   if (!isValidPropertyList(v, format)) {
     if (error) {
       *error = std::string("not a property list for ") +
-               (format == Format::XML ? "XML" : "binary") + " (null or object inside)";
+               (format == Format::XML ? "XML" : "binary") +
+               " (null or object inside, or a container inside itself)";
     }
     return std::nullopt;
   }
   std::string out;
   if (format == Format::XML) {
-    writeXMLPropertyList(v, out);
+    if (!writeXMLPropertyList(v, out, error)) return std::nullopt;
   } else {
     writeBinaryPropertyList(v, out);
   }

@@ -17,7 +17,9 @@ namespace gw::plist {
 ReadResult readXMLPropertyList(std::span<const std::uint8_t> bytes, const ReadOptions& options);
 ReadResult readBinaryPropertyList(std::span<const std::uint8_t> bytes, const ReadOptions& options);
 
-void writeXMLPropertyList(const Value& value, std::string& out);
+// False (with *error set) when the text would pass kMaxPropertyListFileSize: containers shared in
+// many places are written out at each, and nothing that large could be read back.
+bool writeXMLPropertyList(const Value& value, std::string& out, std::string* error);
 void writeBinaryPropertyList(const Value& value, std::string& out);
 
 }  // namespace gw::plist

@@ -6,12 +6,18 @@
 // existing log readers and scripts expect. Inside containers, strings (and dictionary keys) are
 // quoted unless they consist only of letters, digits and "_$./-"; quoted text escapes quotes,
 // backslashes and control characters, and writes characters beyond ASCII as \Uxxxx (UTF-16 units).
+//
+// Shared containers are written at each place that holds them, so the text is bounded: the writer
+// stops once the text passes the limit, and refuses at once when the value's expanded size already
+// shows the text would. A container met again below itself is written as "(...)" or "{...}".
 #include <gatewise/plist.h>
 
 #include <cmath>
 #include <cstdio>
+#include <unordered_set>
 
 #include "platform/plist/scalar_text.h"
+#include "platform/plist/shared_walk.h"
 
 namespace gw::plist {
 namespace {
@@ -105,90 +111,126 @@ void appendData(std::string& out, const Data& data) {
   out += '>';
 }
 
-void describe(std::string& out, const Value& v, unsigned level, bool inContainer) {
-  switch (v.type()) {
-    case Type::Null:
-      out += "<null>";
-      return;
-    case Type::Boolean:
-      out += v.boolean() ? '1' : '0';
-      return;
-    case Type::Integer:
-      text::appendInteger(out, v.integer());
-      return;
-    case Type::Real: {
-      double d = v.real();
-      if (std::isnan(d)) {
-        out += "nan";
-      } else if (std::isinf(d)) {
-        out += d > 0 ? "inf" : "-inf";
-      } else {
-        text::appendReal(out, d);
+class Describer {
+ public:
+  Describer(std::string& out, std::size_t limit) : out_(out), limit_(limit) {}
+
+  // False once the text has passed the limit.
+  bool describe(const Value& v, unsigned level, bool inContainer) {
+    std::string& out = out_;
+    switch (v.type()) {
+      case Type::Null:
+        out += "<null>";
+        return out.size() <= limit_;
+      case Type::Boolean:
+        out += v.boolean() ? '1' : '0';
+        return out.size() <= limit_;
+      case Type::Integer:
+        text::appendInteger(out, v.integer());
+        return out.size() <= limit_;
+      case Type::Real: {
+        double d = v.real();
+        if (std::isnan(d)) {
+          out += "nan";
+        } else if (std::isinf(d)) {
+          out += d > 0 ? "inf" : "-inf";
+        } else {
+          text::appendReal(out, d);
+        }
+        return out.size() <= limit_;
       }
-      return;
+      case Type::String:
+        appendString(out, v.string(), inContainer);
+        return out.size() <= limit_;
+      case Type::Date: {
+        std::string date;
+        text::appendDescriptionDate(date, v.date());
+        appendString(out, date, inContainer);
+        return out.size() <= limit_;
+      }
+      case Type::Data:
+        appendData(out, v.data());
+        return out.size() <= limit_;
+      case Type::UID:
+        out += "{value = " + std::to_string(v.uid().value) + "}";
+        return out.size() <= limit_;
+      case Type::Object:
+        out += v.object() ? v.object()->description() : "<null>";
+        return out.size() <= limit_;
+      case Type::Array: {
+        const Array& a = *v.array();
+        appendIndent(out, level);
+        if (a.empty()) {
+          out += "()";
+          return true;
+        }
+        const void* shared = walk::sharedContainer(v);
+        if (shared && !open_.insert(shared).second) {
+          out += "(...)";
+          return true;
+        }
+        out += "(\n";
+        for (std::size_t i = 0; i < a.size(); ++i) {
+          appendIndent(out, level + 1);
+          if (!describe(a[i], level + 1, true)) return false;
+          out += i + 1 < a.size() ? ",\n" : "\n";
+        }
+        appendIndent(out, level);
+        out += ')';
+        if (shared) open_.erase(shared);
+        return out.size() <= limit_;
+      }
+      case Type::Dictionary: {
+        const Dictionary& d = *v.dictionary();
+        appendIndent(out, level);
+        if (d.empty()) {
+          out += "{}";
+          return true;
+        }
+        const void* shared = walk::sharedContainer(v);
+        if (shared && !open_.insert(shared).second) {
+          out += "{...}";
+          return true;
+        }
+        out += "{\n";
+        for (const auto& [key, item] : d) {
+          appendIndent(out, level + 1);
+          appendString(out, key, true);
+          out += " = ";
+          if (!describe(item, level + 1, true)) return false;
+          out += ";\n";
+        }
+        appendIndent(out, level);
+        out += '}';
+        if (shared) open_.erase(shared);
+        return out.size() <= limit_;
+      }
     }
-    case Type::String:
-      appendString(out, v.string(), inContainer);
-      return;
-    case Type::Date: {
-      std::string date;
-      text::appendDescriptionDate(date, v.date());
-      appendString(out, date, inContainer);
-      return;
-    }
-    case Type::Data:
-      appendData(out, v.data());
-      return;
-    case Type::UID:
-      out += "{value = " + std::to_string(v.uid().value) + "}";
-      return;
-    case Type::Object:
-      out += v.object() ? v.object()->description() : "<null>";
-      return;
-    case Type::Array: {
-      const Array& a = *v.array();
-      appendIndent(out, level);
-      if (a.empty()) {
-        out += "()";
-        return;
-      }
-      out += "(\n";
-      for (std::size_t i = 0; i < a.size(); ++i) {
-        appendIndent(out, level + 1);
-        describe(out, a[i], level + 1, true);
-        out += i + 1 < a.size() ? ",\n" : "\n";
-      }
-      appendIndent(out, level);
-      out += ')';
-      return;
-    }
-    case Type::Dictionary: {
-      const Dictionary& d = *v.dictionary();
-      appendIndent(out, level);
-      if (d.empty()) {
-        out += "{}";
-        return;
-      }
-      out += "{\n";
-      for (const auto& [key, item] : d) {
-        appendIndent(out, level + 1);
-        appendString(out, key, true);
-        out += " = ";
-        describe(out, item, level + 1, true);
-        out += ";\n";
-      }
-      appendIndent(out, level);
-      out += '}';
-      return;
-    }
+    return out.size() <= limit_;
   }
-}
+
+ private:
+  std::string& out_;
+  std::size_t limit_;
+  std::unordered_set<const void*> open_;  // shared containers being written
+};
 
 }  // namespace
 
+std::optional<std::string> description(const Value& v, std::size_t maxBytes) {
+  // Every node takes at least one byte of text, and strings, keys and data their length.
+  if (walk::expandedSize(v, 1) > maxBytes) return std::nullopt;
+  std::string out;
+  if (!Describer(out, maxBytes).describe(v, 0, false)) return std::nullopt;
+  return out;
+}
+
 std::string description(const Value& v) {
   std::string out;
-  describe(out, v, 0, false);
+  if (!Describer(out, kMaxDescriptionSize).describe(v, 0, false)) {
+    out.resize(kMaxDescriptionSize);
+    out += "...";
+  }
   return out;
 }
 

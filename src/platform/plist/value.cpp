@@ -4,6 +4,10 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "platform/plist/shared_walk.h"
 
 namespace gw {
 GWObject::~GWObject() = default;
@@ -145,62 +149,183 @@ bool Value::boolValue() const {
   return intValue() != 0;
 }
 
-bool operator==(const Value& a, const Value& b) {
-  if (a.isNumber() && b.isNumber()) {
-    if (a.isInteger() && b.isInteger()) return a.integer() == b.integer();
-    if (a.isReal() && b.isReal()) return a.real() == b.real();
-    const Value& i = a.isInteger() ? a : b;
-    const Value& r = a.isInteger() ? b : a;
-    double d = r.real();
-    if (d != std::floor(d)) return false;
-    return i.integer().toDouble() == d;
-  }
-  if (a.type() != b.type()) return false;
-  switch (a.type()) {
-    case Type::Null:
-      return true;
-    case Type::Boolean:
-      return a.boolean() == b.boolean();
-    case Type::String:
-      return a.string() == b.string();
-    case Type::Date:
-      return a.date() == b.date();
-    case Type::Data:
-      return a.data() == b.data();
-    case Type::UID:
-      return a.uid() == b.uid();
-    case Type::Array: {
-      const Array& x = *a.array();
-      const Array& y = *b.array();
-      if (&x == &y) return true;
-      if (x.size() != y.size()) return false;
-      for (std::size_t i = 0; i < x.size(); ++i) {
-        if (!(x[i] == y[i])) return false;
+namespace {
+
+// Equality by content. Pairs of shared containers already compared, or being compared further up,
+// are taken as equal: any difference below them ends the whole comparison, so a pair met again
+// either was equal or is still open (a cycle, equal as far as it goes). That keeps comparing
+// values with shared containers linear and stops it at cycles.
+class Equality {
+ public:
+  bool equal(const Value& a, const Value& b) {
+    if (a.isNumber() && b.isNumber()) {
+      if (a.isInteger() && b.isInteger()) return a.integer() == b.integer();
+      if (a.isReal() && b.isReal()) return a.real() == b.real();
+      const Value& i = a.isInteger() ? a : b;
+      const Value& r = a.isInteger() ? b : a;
+      double d = r.real();
+      if (d != std::floor(d)) return false;
+      return i.integer().toDouble() == d;
+    }
+    if (a.type() != b.type()) return false;
+    switch (a.type()) {
+      case Type::Null:
+        return true;
+      case Type::Boolean:
+        return a.boolean() == b.boolean();
+      case Type::String:
+        return a.string() == b.string();
+      case Type::Date:
+        return a.date() == b.date();
+      case Type::Data:
+        return a.data() == b.data();
+      case Type::UID:
+        return a.uid() == b.uid();
+      case Type::Array: {
+        const Array& x = *a.array();
+        const Array& y = *b.array();
+        if (&x == &y) return true;
+        if (x.size() != y.size()) return false;
+        if (!firstMeeting(a, b)) return true;
+        for (std::size_t i = 0; i < x.size(); ++i) {
+          if (!equal(x[i], y[i])) return false;
+        }
+        return true;
       }
-      return true;
-    }
-    case Type::Dictionary: {
-      const Dictionary& x = *a.dictionary();
-      const Dictionary& y = *b.dictionary();
-      if (&x == &y) return true;
-      if (x.size() != y.size()) return false;
-      auto i = x.begin();
-      auto j = y.begin();
-      for (; i != x.end(); ++i, ++j) {
-        if (i->first != j->first || !(i->second == j->second)) return false;
+      case Type::Dictionary: {
+        const Dictionary& x = *a.dictionary();
+        const Dictionary& y = *b.dictionary();
+        if (&x == &y) return true;
+        if (x.size() != y.size()) return false;
+        if (!firstMeeting(a, b)) return true;
+        auto i = x.begin();
+        auto j = y.begin();
+        for (; i != x.end(); ++i, ++j) {
+          if (i->first != j->first || !equal(i->second, j->second)) return false;
+        }
+        return true;
       }
-      return true;
+      case Type::Object: {
+        const GWObjectRef& x = a.object();
+        const GWObjectRef& y = b.object();
+        if (x == y) return true;
+        return x && y && x->isEqual(*y);
+      }
+      default:
+        return false;
     }
-    case Type::Object: {
-      const GWObjectRef& x = a.object();
-      const GWObjectRef& y = b.object();
-      if (x == y) return true;
-      return x && y && x->isEqual(*y);
-    }
-    default:
-      return false;
   }
-}
+
+ private:
+  struct PairHash {
+    std::size_t operator()(const std::pair<const void*, const void*>& p) const {
+      return std::hash<const void*>{}(p.first) * 31 + std::hash<const void*>{}(p.second);
+    }
+  };
+
+  // False when this pair of shared containers has been met before.
+  bool firstMeeting(const Value& a, const Value& b) {
+    const void* x = walk::sharedContainer(a);
+    const void* y = walk::sharedContainer(b);
+    if (!x || !y) return true;
+    return met_.emplace(x, y).second;
+  }
+
+  std::unordered_set<std::pair<const void*, const void*>, PairHash> met_;
+};
+
+// Deep copies keep the sharing of the original: each shared container is copied once.
+class DeepCopy {
+ public:
+  Value copy(const Value& v) {
+    if (!v.isArray() && !v.isDictionary()) return v;
+    const void* shared = walk::sharedContainer(v);
+    if (shared) {
+      auto it = copies_.find(shared);
+      if (it != copies_.end()) return it->second;
+    }
+    if (auto a = v.ifArray()) {
+      ArrayRef out = Array::make();
+      if (shared) copies_.emplace(shared, out);  // before the elements: a cycle finds it
+      std::vector<Value> items;
+      items.reserve(a->size());
+      for (const Value& item : *a) items.push_back(copy(item));
+      out->mutableItems() = std::move(items);
+      return out;
+    }
+    const Dictionary& d = *v.ifDictionary();
+    DictionaryRef out = Dictionary::make();
+    if (shared) copies_.emplace(shared, out);
+    Dictionary::Map entries;
+    for (const auto& [k, item] : d) entries.emplace_hint(entries.end(), k, copy(item));
+    out->mutableEntries() = std::move(entries);
+    return out;
+  }
+
+ private:
+  std::unordered_map<const void*, Value> copies_;
+};
+
+class Freezer {
+ public:
+  void freeze(const Value& v) {
+    if (!v.isArray() && !v.isDictionary()) return;
+    if (const void* shared = walk::sharedContainer(v); shared && !done_.insert(shared).second) {
+      return;
+    }
+    if (auto a = v.ifArray()) {
+      a->makeImmutable();
+      for (const Value& item : *a) freeze(item);
+    } else if (auto d = v.ifDictionary()) {
+      d->makeImmutable();
+      for (const auto& entry : *d) freeze(entry.second);
+    }
+  }
+
+ private:
+  std::unordered_set<const void*> done_;
+};
+
+// Valid for writing: no null or object anywhere, no container inside itself.
+class Validity {
+ public:
+  bool check(const Value& v) {
+    switch (v.type()) {
+      case Type::Null:
+      case Type::Object:
+        return false;
+      case Type::Array:
+      case Type::Dictionary:
+        break;
+      default:
+        return true;
+    }
+    const void* shared = walk::sharedContainer(v);
+    if (shared) {
+      auto [it, added] = onPath_.try_emplace(shared, true);
+      if (!added) return !it->second;  // on the path: a cycle; else checked already
+    }
+    bool ok = true;
+    if (auto a = v.ifArray()) {
+      for (const Value& item : *a) {
+        if (!(ok = check(item))) break;
+      }
+    } else {
+      for (const auto& entry : *v.ifDictionary()) {
+        if (!(ok = check(entry.second))) break;
+      }
+    }
+    if (shared) onPath_[shared] = false;
+    return ok;
+  }
+
+ private:
+  std::unordered_map<const void*, bool> onPath_;  // true while below it
+};
+
+}  // namespace
+
+bool operator==(const Value& a, const Value& b) { return Equality().equal(a, b); }
 
 const Value& Array::at(std::size_t i) const {
   if (i >= items_.size()) {
@@ -294,49 +419,10 @@ Value mutableCopy(const Value& v) {
   return v;
 }
 
-Value deepMutableCopy(const Value& v) {
-  if (auto a = v.ifArray()) {
-    std::vector<Value> items;
-    items.reserve(a->size());
-    for (const Value& item : *a) items.push_back(deepMutableCopy(item));
-    return Array::make(std::move(items));
-  }
-  if (auto d = v.ifDictionary()) {
-    Dictionary::Map entries;
-    for (const auto& [k, item] : *d) entries.emplace_hint(entries.end(), k, deepMutableCopy(item));
-    return Dictionary::make(std::move(entries));
-  }
-  return v;
-}
+Value deepMutableCopy(const Value& v) { return DeepCopy().copy(v); }
 
-void makeImmutable(const Value& v) {
-  if (auto a = v.ifArray()) {
-    a->makeImmutable();
-    for (const Value& item : *a) makeImmutable(item);
-  } else if (auto d = v.ifDictionary()) {
-    d->makeImmutable();
-    for (const auto& entry : *d) makeImmutable(entry.second);
-  }
-}
+void makeImmutable(const Value& v) { Freezer().freeze(v); }
 
-bool isValidPropertyList(const Value& v, Format format) {
-  switch (v.type()) {
-    case Type::Null:
-    case Type::Object:
-      return false;
-    case Type::Array:
-      for (const Value& item : *v.array()) {
-        if (!isValidPropertyList(item, format)) return false;
-      }
-      return true;
-    case Type::Dictionary:
-      for (const auto& entry : *v.dictionary()) {
-        if (!isValidPropertyList(entry.second, format)) return false;
-      }
-      return true;
-    default:
-      return true;
-  }
-}
+bool isValidPropertyList(const Value& v, Format) { return Validity().check(v); }
 
 }  // namespace gw::plist

@@ -11,6 +11,7 @@
 // and writers use and the reader turns back into a UID.
 #include "platform/plist/codec.h"
 #include "platform/plist/scalar_text.h"
+#include "platform/plist/shared_walk.h"
 
 namespace gw::plist {
 namespace {
@@ -153,10 +154,21 @@ void XMLWriter::write(const Value& v, unsigned level) {
 
 }  // namespace
 
-void writeXMLPropertyList(const Value& value, std::string& out) {
+bool writeXMLPropertyList(const Value& value, std::string& out, std::string* error) {
+  // Every element takes at least a line of 8 bytes ("<true/>" and its line end), every key one
+  // more, and strings, keys and data at least their length.
+  if (walk::expandedSize(value, 8) > kMaxPropertyListFileSize) {
+    if (error) {
+      *error =
+          "the XML text would be larger than a property list may be (containers held in "
+          "many places are written out at each)";
+    }
+    return false;
+  }
   out += kHeader;
   XMLWriter(out).write(value, 0);
   out += kFooter;
+  return true;
 }
 
 }  // namespace gw::plist

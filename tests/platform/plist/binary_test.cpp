@@ -290,3 +290,37 @@ TEST(BinaryPlistTest, SharedReferencesCannotExpandWithoutBound) {
 
 }  // namespace
 }  // namespace gw::plist
+
+namespace gw::plist {
+namespace {
+
+TEST(BinaryPlistTest, MemoryStaysWithinASmallMultipleOfTheFile) {
+  // 60,000 one-byte references to one string of 1,000 bytes: 60 MB of strings from a 61 KB file.
+  const Bytes thousand = hex({0x5F, 0x11}) + bigEndian(1000, 2) + Bytes(1000, 'x');
+  const Bytes manyCopies =
+      document({hex({0xAF, 0x12}) + bigEndian(60000, 4) + Bytes(60000, '\1'), thousand}, 1, 0, 4);
+  ReadResult r = readPropertyList(manyCopies);
+  EXPECT_FALSE(r);
+  EXPECT_NE(r.error.find("too many values"), std::string::npos) << r.error;
+
+  // The densest honest form passes: a dictionary of one-byte references to shared keys and values,
+  // and an array of many references to one small string.
+  std::vector<Bytes> objects(1);
+  objects[0] = hex({0xDF, 0x10, 200});
+  for (int i = 1; i <= 200; ++i) objects[0] += char(i);
+  objects[0] += Bytes(200, char(201));
+  for (int i = 1; i <= 200; ++i) objects.push_back(hex({0x54}) + std::to_string(1000 + i));
+  objects.push_back(hex({0x09}));
+  ReadResult dense = readPropertyList(document(objects, 1, 0, 2));
+  ASSERT_TRUE(dense) << dense.error;
+  EXPECT_EQ(dense.value->dictionary()->size(), 200u);
+  const Bytes shortCopies = document(
+      {hex({0xAF, 0x12}) + bigEndian(60000, 4) + Bytes(60000, '\1'), hex({0x55}) + "short"}, 1, 0,
+      4);
+  ReadResult many = readPropertyList(shortCopies);
+  ASSERT_TRUE(many) << many.error;
+  EXPECT_EQ(many.value->array()->size(), 60000u);
+}
+
+}  // namespace
+}  // namespace gw::plist

@@ -119,6 +119,83 @@ TEST(PlistXMLTest, MalformedDocumentsFailWithAReason) {
             std::string::npos);
 }
 
+TEST(PlistXMLTest, MarkupThatCarriesNoValueIsCheckedAndSkipped) {
+  const std::string document =
+      "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"utf-8\" standalone='no'?>\r\n"
+      "<!-- before -->\n<?app data?>\n"
+      "<!DOCTYPE plist PUBLIC \"-//Some Org//DTD PLIST 1.0//EN\" \"http://example.org/p.dtd\" [\n"
+      "  <!ELEMENT plist (array)> <!ATTLIST plist version CDATA \"1.0\"> <!-- inside -->\n"
+      "]>\n"
+      "<plist version=\"1.0\" other='x &amp; &#65;'>\r\n"
+      "<array >\r\n"
+      "\t<string>a<!-- c -->b<?pi ?>c<![CDATA[<&>]]>\r\nd\re&#13;</string>\n"
+      "\t<!-- between --><?pi between?>&#32;&#x9;<![CDATA[ \n]]>\n"
+      "\t<key-less/>\n"
+      "</array\n></plist >\n<!-- after --><?after?>\n";
+  // <key-less/> is not a property-list element: the rest of the document is fine without it.
+  EXPECT_NE(failure(document).find("unknown element <key-less>"), std::string::npos);
+  std::string fine = document;
+  fine.erase(fine.find("\t<key-less/>\n"), 13);
+  ReadResult r = readPropertyList(fine);
+  ASSERT_TRUE(r) << r.error;
+  EXPECT_EQ(*r.value, Value::newArray({"abc<&>\nd\ne\r"}));
+
+  // ISO-8859-1 documents read as UTF-8; US-ASCII ones hold ASCII only.
+  EXPECT_EQ(read("<string>caf\xC3\xA9</string>"), Value("caf\xC3\xA9"));
+  ReadResult latin1 =
+      readPropertyList("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><string>caf\xE9</string>");
+  ASSERT_TRUE(latin1) << latin1.error;
+  EXPECT_EQ(*latin1.value, Value("caf\xC3\xA9"));
+  failure("<?xml version=\"1.0\" encoding=\"US-ASCII\"?><string>caf\xC3\xA9</string>");
+}
+
+TEST(PlistXMLTest, MalformedMarkupIsRefusedAsXMLRefusesIt) {
+  const struct {
+    std::string text, reason;
+  } cases[] = {
+      {"<plist><string>a</string></plist><?xml version=\"1.0\"?>", "not at start"},
+      {" <?xml version=\"1.0\"?><plist/>", "not at start"},
+      {"<?xml encoding=\"UTF-8\"?><plist/>", "XML declaration not well-formed"},
+      {"<?xml version=\"1.0\" encoding=\"EBCDIC\"?><plist/>", "unknown encoding"},
+      {"<!-- a -- b --><plist/>", "not well-formed"},
+      {"<!-- open <plist/>", "unclosed token"},
+      {"<string>a]]>b</string>", "not well-formed"},
+      {"<string><![CDATA[open</string>", "unclosed CDATA section"},
+      {"<string a=\"1\" a=\"2\">x</string>", "duplicate attribute"},
+      {"<string a=\"<\">x</string>", "not well-formed"},
+      {"<string a=\"1\"b=\"2\">x</string>", "not well-formed"},
+      {"<string>&nbsp;</string>", "undefined entity"},
+      {"<string>&#0;</string>", "reference to invalid character number"},
+      {"<string>&#xD800;</string>", "reference to invalid character number"},
+      {"<string>&#x110000;</string>", "reference to invalid character number"},
+      {"<string>\xED\xA0\x80</string>", "not well-formed"},      // a surrogate
+      {"<string>\xEF\xBF\xBE</string>", "not well-formed"},      // U+FFFE
+      {"<string>\xC0\xAF</string>", "not well-formed"},          // overlong
+      {"<string>\xF4\x90\x80\x80</string>", "not well-formed"},  // above U+10FFFF
+      {"text<plist/>", "syntax error"},
+      {"<!DOCTYPE plist><!DOCTYPE plist><plist/>", "syntax error"},
+      {"<plist><string>a</string>", "no element found"},
+      {"<plist><string>a</str", "unclosed token"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_NE(failure(c.text).find(c.reason), std::string::npos) << c.text << ": " << c.reason;
+  }
+  // The error names the line and column of the offending markup.
+  EXPECT_NE(failure("<plist>\r\n<array>\r\n  <foo/>").find("line 3, column 2:"), std::string::npos);
+}
+
+TEST(PlistXMLTest, ManyAttributesAndLongTextsReadInLinearTime) {
+  std::string tag = "<string";
+  for (int i = 0; i < 50000; ++i)
+    tag += " a" + std::to_string(i) + "=\"" + std::to_string(i) + "\"";
+  EXPECT_EQ(read(tag + ">x</string>"), Value("x"));
+  EXPECT_NE(failure(tag + " a49999=\"again\">x</string>").find("duplicate attribute"),
+            std::string::npos);
+  std::string pieces;
+  for (int i = 0; i < 50000; ++i) pieces += "ab&amp;<!---->";
+  EXPECT_EQ(read("<string>" + pieces + "</string>").string().size(), 150000u);
+}
+
 TEST(PlistXMLTest, EntityDeclarationsAndExternalEntitiesAreRefused) {
   const std::string bomb =
       "<?xml version=\"1.0\"?><!DOCTYPE plist [<!ENTITY a \"aaaaaaaaaa\">"
@@ -210,6 +287,9 @@ TEST(PlistXMLTest, LaterDuplicateKeysWinAndOtherEncodingsAreRead) {
   ReadResult r = readPropertyList(utf16);
   ASSERT_TRUE(r) << r.error;
   EXPECT_EQ(*r.value, Value("hi"));
+  // A lone surrogate, or UTF-8 that claims to be UTF-16, is refused.
+  failure(utf16.substr(0, utf16.size() - 2) + std::string("\x00\xD8", 2));
+  failure(ascii);
   // A bare value without the <plist> element.
   EXPECT_EQ(*readPropertyList(std::string_view("<integer>3</integer>")).value, Value(3));
 }
