@@ -122,7 +122,7 @@ bool Manager::start(std::string* error) {
 
 Manager::~Manager() {
   plist::Date now = options_.clock->wallNow();
-  for (auto& [uid, user] : users_) book(user, now);
+  for (auto& [uid, user] : users_) book(user, now, limits_.limitFor(user.name));
   if (ledger_) ledger_->flush();
   server_.reset();
   monitor_.reset();
@@ -140,7 +140,7 @@ int Manager::run() {
   if (r < 0) GW_LOG(0, "*** The event loop failed: %s", std::strerror(-r));
   sd_notify(0, "STOPPING=1");
   plist::Date now = options_.clock->wallNow();
-  for (auto& [uid, user] : users_) book(user, now);
+  for (auto& [uid, user] : users_) book(user, now, limits_.limitFor(user.name));
   ledger_->flush();
   return r < 0 ? 1 : 0;
 }
@@ -176,7 +176,7 @@ void Manager::sessionsChanged(uid_t uid) {
   User* user = userFor(uid);
   if (!user) return;
   plist::Date now = options_.clock->wallNow();
-  book(*user, now);
+  book(*user, now, limits_.limitFor(user->name));
   UserSessions s = monitor_ ? monitor_->sessionsOf(uid) : UserSessions{};
   if (s.counting && !user->counting) {
     user->countingSince = now;
@@ -190,12 +190,10 @@ void Manager::sessionsChanged(uid_t uid) {
   armTimer();
 }
 
-void Manager::book(User& user, plist::Date now) {
+void Manager::book(User& user, plist::Date now, const ComputerLimit* limit) {
   if (!user.counting) return;
-  if (now > user.countingSince) {
-    if (const ComputerLimit* limit = limits_.limitFor(user.name)) {
-      ledger_->count(user.uid, user.countingSince, now, limit->curfews.get());
-    }
+  if (now > user.countingSince && limit) {
+    ledger_->count(user.uid, user.countingSince, now, limit->curfews.get());
   }
   user.countingSince = now;  // also when the clock went back: nothing is counted twice
   user.monotonicSince = options_.clock->monotonicMicroseconds();
@@ -219,8 +217,7 @@ void Manager::clockJumped() {
   refresh();
 }
 
-Decision Manager::decisionFor(User& user, plist::Date now) {
-  const ComputerLimit* limit = limits_.limitFor(user.name);
+Decision Manager::decisionFor(const User& user, const ComputerLimit* limit, plist::Date now) {
   if (!limit) return {};
   Grant grant = overrides_.grantFor(user.name, dayKeyOf(now));
   uid_t uid = user.uid;
@@ -228,9 +225,10 @@ Decision Manager::decisionFor(User& user, plist::Date now) {
   return decide(limit, now, usage, grant);
 }
 
-void Manager::update(User& user, plist::Date now) {
-  book(user, now);
-  Decision decision = decisionFor(user, now);
+Decision Manager::update(User& user, plist::Date now) {
+  const ComputerLimit* limit = limits_.limitFor(user.name);
+  book(user, now, limit);
+  Decision decision = decisionFor(user, limit, now);
   bool allowed = decision.allowed();
   if (user.lastAllowed && *user.lastAllowed != allowed) {
     GW_LOG(1, "%s may %s log in", user.name.c_str(), allowed ? "now" : "no longer");
@@ -255,7 +253,6 @@ void Manager::update(User& user, plist::Date now) {
   auto consider = [&](std::optional<plist::Date> at) {
     if (at && (!wake || *at < *wake)) wake = at;
   };
-  const ComputerLimit* limit = limits_.limitFor(user.name);
   user.limited = limit != nullptr;
   if (limit) {
     if (!allowed) {
@@ -270,6 +267,7 @@ void Manager::update(User& user, plist::Date now) {
   }
   if (wake && !(*wake > now)) wake = plus(now, 1);
   user.wakeAt = wake;
+  return decision;
 }
 
 void Manager::endTime(User& user, const Decision& decision) {
@@ -320,6 +318,11 @@ void Manager::armTimer() {
     due = monotonic + std::uint64_t(std::min(delay, 86400.0 * 8) * 1e6);
   }
   if (nextFlush_) due = due ? std::min(*due, *nextFlush_) : *nextFlush_;
+  // Requests come far more often than decisions change: leave an unchanged timer alone (within a
+  // millisecond), which saves reprogramming it on every request.
+  auto same = [](std::uint64_t a, std::uint64_t b) { return (a > b ? a - b : b - a) < 1000; };
+  if (armedFor_ && due && same(*armedFor_, *due) && timerArmed()) return;
+  armedFor_ = due;
   if (!due) {
     sd_event_source_set_enabled(timer_, SD_EVENT_OFF);
     return;
@@ -380,9 +383,9 @@ Decision Manager::loginDecision(uid_t uid) {
   User* user = userFor(uid);
   if (!user) return {};
   plist::Date now = options_.clock->wallNow();
-  update(*user, now);
+  Decision decision = update(*user, now);
   armTimer();
-  return decisionFor(*user, now);
+  return decision;
 }
 
 std::vector<StatusItemInfo> Manager::statusItems(uid_t uid) {
@@ -413,7 +416,7 @@ void Manager::rereadSettings(uid_t uid) {
 
 void Manager::saveUsage() {
   plist::Date now = options_.clock->wallNow();
-  for (auto& [uid, user] : users_) book(user, now);
+  for (auto& [uid, user] : users_) book(user, now, limits_.limitFor(user.name));
   if (ledger_->flush()) GW_LOG(1, "Usage saved");
 }
 
@@ -421,7 +424,7 @@ void Manager::resetUsage(uid_t uid) {
   User* user = userFor(uid);
   if (!user) return;
   plist::Date now = options_.clock->wallNow();
-  book(*user, now);
+  book(*user, now, limits_.limitFor(user->name));
   ledger_->reset(uid, dayKeyOf(now));
   GW_LOG(1, "Usage of %s for today reset", user->name.c_str());
   update(*user, now);

@@ -109,9 +109,10 @@ class Manager {
   User* userFor(uid_t uid);
   void trackManagedUsers();
   void sessionsChanged(uid_t uid);
-  void book(User& user, plist::Date now);
-  Decision decisionFor(User& user, plist::Date now);
-  void update(User& user, plist::Date now);
+  void book(User& user, plist::Date now, const ComputerLimit* limit);
+  Decision decisionFor(const User& user, const ComputerLimit* limit, plist::Date now);
+  // Books, decides, notifies and acts for one user; the decision it made.
+  Decision update(User& user, plist::Date now);
   void endTime(User& user, const Decision& decision);
   void armTimer();
   static int onTimer(sd_event_source*, uint64_t, void* self);
@@ -138,6 +139,7 @@ class Manager {
   std::map<uid_t, int> actionsTaken_;
   std::optional<plist::Date> wakeAt_;
   std::optional<std::uint64_t> nextFlush_;  // monotonic microseconds
+  std::optional<std::uint64_t> armedFor_;   // what the timer is set to, to skip resetting it
 };
 
 // Registers the handler of every daemon routine (the routine table) on dispatcher.

@@ -295,7 +295,8 @@ TEST_F(DaemonEndToEndTest, UsageSurvivesKillNineAndRootMayResetIt) {
     return gwtest::runCli(args, {.environment = {{"LD_PRELOAD", kFaketime},
                                                  {"FAKETIME_TIMESTAMP_FILE", root_.at("/faketime")},
                                                  {"FAKETIME_NO_CACHE", "1"},
-                                                 {"TZ", "Europe/Berlin"}}});
+                                                 {"TZ", "Europe/Berlin"},
+                                                 {"ASAN_OPTIONS", "verify_asan_link_order=0"}}});
   };
   gwtest::RunResult shown = cli({"usage", "4202"});
   EXPECT_EQ(shown.status, 0) << shown.err;
