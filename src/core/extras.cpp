@@ -10,36 +10,7 @@
 
 #include "core/random_source.h"
 #include "platform/bundle/bundle.h"
-
-namespace {
-
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// "file:///a%20b/C.app/" -> "/a b/C.app"; a plain path comes back as it is.
-std::string pathOfURL(std::string_view url) {
-  if (!url.starts_with("file://")) return std::string(url);
-  url.remove_prefix(7);
-  if (url.starts_with("localhost/")) url.remove_prefix(9);
-  std::string path;
-  for (std::size_t i = 0; i < url.size(); ++i) {
-    if (url[i] == '%' && i + 2 < url.size() && hexDigit(url[i + 1]) >= 0 &&
-        hexDigit(url[i + 2]) >= 0) {
-      path += char(hexDigit(url[i + 1]) * 16 + hexDigit(url[i + 2]));
-      i += 2;
-    } else {
-      path += url[i];
-    }
-  }
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
-
-}  // namespace
+#include "platform/fs/file_url.h"
 
 namespace gw::core {
 namespace {
@@ -91,7 +62,7 @@ std::string UUIDString() {
 }
 
 std::optional<std::string> GWURLBundleID(std::string_view url) {
-  gw::plist::DictionaryRef info = gw::bundle::copyInfoDictionaryForPath(pathOfURL(url));
+  gw::plist::DictionaryRef info = gw::bundle::copyInfoDictionaryForPath(gw::fs::pathOfFileURL(url));
   if (!info) return std::nullopt;
   const gw::plist::Value* identifier = info->find("CFBundleIdentifier");
   if (!identifier || !identifier->isString()) return std::nullopt;
@@ -99,7 +70,7 @@ std::optional<std::string> GWURLBundleID(std::string_view url) {
 }
 
 std::string GWURLBundleName(std::string_view url) {
-  std::string path = pathOfURL(url);
+  std::string path = gw::fs::pathOfFileURL(url);
   if (gw::plist::DictionaryRef info = gw::bundle::copyInfoDictionaryForPath(path)) {
     const gw::plist::Value* name = info->find("CFBundleName");
     if (name && name->isString()) return name->string();
