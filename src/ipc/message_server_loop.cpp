@@ -155,6 +155,14 @@ void MessageServer::Loop::admit(UniqueFd fd) {
   ++counters_.accepted;
   counters_.openConnections = connections_.size();
   watch(key, EPOLLIN, EPOLL_CTL_ADD);
+  // A client has usually sent its whole request by the time it is accepted: serve it now rather
+  // than after another turn of the loop. Whatever has not arrived yet is read when epoll says so.
+  try {
+    read(connections_.find(key)->second);
+  } catch (const std::exception& e) {  // std::bad_alloc above all: drop this one, serve on
+    GW_LOG_CAUGHT(e);
+    close(key);
+  }
 }
 
 // Closes the oldest connection of uid that is still reading its request.
