@@ -140,6 +140,10 @@ const char* verdict(bool met) { return met ? "MET" : "NOT MET"; }
 int main(int argc, char** argv) {
   int requests = argc > 1 ? std::atoi(argv[1]) : 2000;
   int idleSeconds = argc > 2 ? std::atoi(argv[2]) : 20;
+  if (requests < 1 || idleSeconds < 1) {
+    std::fprintf(stderr, "usage: daemon_bench [REQUESTS_PER_CLIENT] [IDLE_SECONDS] (both >= 1)\n");
+    return 2;
+  }
   std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
   std::string tutelad = (self.parent_path().parent_path() / "bin" / "tutelad").string();
   std::string nssWrapper;
