@@ -54,7 +54,7 @@ TEST(SigningCmsTest, CertificatesThatMayNotSignAreRefused) {
   const Case cases[] = {
       {"expired", {-7200, 3600, true}, "certificate has expired"},
       {"not yet valid", {3600, 3600, true}, "certificate is not yet valid"},
-      {"no code-signing usage", {0, 3600, false}, "certificate does not allow code signing"},
+      {"no code-signing usage", {-60, 3600, false}, "certificate does not allow code signing"},
   };
   for (const Case& c : cases) {
     auto identity = makeSelfSignedIdentity("Faulty", c.options);

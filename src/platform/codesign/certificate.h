@@ -24,7 +24,9 @@ struct Identity {
 };
 
 struct CertificateOptions {
-  long validFromSeconds = 0;                 // notBefore, relative to now
+  // notBefore, relative to now: a minute back, so that a certificate made now also verifies against
+  // a time read a moment before it was made.
+  long validFromSeconds = -60;
   long validForSeconds = 10L * 365 * 86400;  // notAfter, relative to notBefore
   bool codeSigningUsage = true;              // include the critical code-signing key usage
 };
