@@ -11,24 +11,6 @@ namespace {
 // Localization tables are small; anything larger is not one.
 constexpr std::size_t kMaxStringsFileSize = std::size_t(16) << 20;
 
-void appendUTF8(std::string& out, std::uint32_t c) {
-  if (c < 0x80) {
-    out += char(c);
-  } else if (c < 0x800) {
-    out += char(0xC0 | (c >> 6));
-    out += char(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += char(0xE0 | (c >> 12));
-    out += char(0x80 | ((c >> 6) & 0x3F));
-    out += char(0x80 | (c & 0x3F));
-  } else {
-    out += char(0xF0 | (c >> 18));
-    out += char(0x80 | ((c >> 12) & 0x3F));
-    out += char(0x80 | ((c >> 6) & 0x3F));
-    out += char(0x80 | (c & 0x3F));
-  }
-}
-
 bool isHighSurrogate(std::uint32_t c) { return c >= 0xD800 && c < 0xDC00; }
 bool isLowSurrogate(std::uint32_t c) { return c >= 0xDC00 && c < 0xE000; }
 
@@ -53,7 +35,7 @@ std::optional<std::string> utf16ToUTF8(std::string_view bytes, bool bigEndian, s
       if (error) *error = "UTF-16 text holds an unpaired surrogate";
       return std::nullopt;
     }
-    appendUTF8(out, c);
+    text::appendUTF8(out, c);
   }
   return out;
 }
@@ -188,7 +170,7 @@ class Parser {
             unsigned v = unsigned(e - '0');
             for (int k = 0; k < 2 && peek() >= '0' && peek() <= '7'; ++k)
               v = v * 8 + (text_[pos_++] - '0');
-            appendUTF8(out, v & 0xFF);
+            text::appendUTF8(out, v & 0xFF);
           } else {
             out += e;  // \" \\ \' and any other character stand for themselves
           }
@@ -219,7 +201,7 @@ class Parser {
       pos_ += 2;
       std::uint32_t low;
       if (readHex4(low) && isLowSurrogate(low)) {
-        appendUTF8(out, 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00));
+        text::appendUTF8(out, 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00));
         return true;
       }
       pos_ = save;
@@ -228,7 +210,7 @@ class Parser {
       reason_ = "unpaired surrogate escape";
       return false;
     }
-    appendUTF8(out, c);
+    text::appendUTF8(out, c);
     return true;
   }
 

@@ -21,6 +21,7 @@
 #include <cstring>
 #include <unordered_set>
 
+#include "platform/text/utf8.h"
 #include "platform/plist/codec.h"
 #include "platform/plist/scalar_text.h"
 
@@ -144,24 +145,6 @@ std::size_t utf8Length(const unsigned char* p, const unsigned char* end) {
 bool isXMLChar(std::uint32_t c) {
   return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) ||
          (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
-}
-
-void appendUTF8(std::string& out, std::uint32_t c) {
-  if (c < 0x80) {
-    out += char(c);
-  } else if (c < 0x800) {
-    out += char(0xC0 | (c >> 6));
-    out += char(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += char(0xE0 | (c >> 12));
-    out += char(0x80 | ((c >> 6) & 0x3F));
-    out += char(0x80 | (c & 0x3F));
-  } else {
-    out += char(0xF0 | (c >> 18));
-    out += char(0x80 | ((c >> 12) & 0x3F));
-    out += char(0x80 | ((c >> 6) & 0x3F));
-    out += char(0x80 | (c & 0x3F));
-  }
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
@@ -319,7 +302,7 @@ std::uint32_t XMLReader::reference(std::string& out) {
     if (p_ == digits) fail("not well-formed (invalid token)");
     ++p_;
     if (!isXMLChar(c)) failAt(at, "reference to invalid character number");
-    appendUTF8(out, c);
+    gw::text::appendUTF8(out, c);
     return c;
   }
   std::string_view entity = name();
@@ -1050,7 +1033,7 @@ bool utf16ToUTF8(std::span<const std::uint8_t> b, bool bigEndian, std::string& o
       c = 0x10000 + ((c - 0xD800) << 10) + (low - 0xDC00);
       i += 2;
     }
-    appendUTF8(out, c);
+    gw::text::appendUTF8(out, c);
   }
   return true;
 }
@@ -1059,7 +1042,7 @@ bool utf16ToUTF8(std::span<const std::uint8_t> b, bool bigEndian, std::string& o
 std::string latin1ToUTF8(std::span<const std::uint8_t> bytes) {
   std::string out;
   out.reserve(bytes.size() + bytes.size() / 8);
-  for (std::uint8_t b : bytes) appendUTF8(out, b);
+  for (std::uint8_t b : bytes) gw::text::appendUTF8(out, b);
   return out;
 }
 
