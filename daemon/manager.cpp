@@ -276,14 +276,27 @@ void Manager::endTime(User& user, const Decision& decision) {
   const char* why = decision.reason == kGWLoginCurfew ? "a curfew began" : "the allowance ran out";
   GW_LOG(0, "Computer time of %s is over (%s); end action: %s", user.name.c_str(), why,
          actionName(action));
-  ledger_->store().recordEvent(user.uid, options_.clock->wallNow().unixTime(),
-                               std::string("end-") + actionName(action), why);
+  recordEvent({std::string(kEventTimeEnded),
+               user.uid,
+               0,
+               {{"reason", plist::Value(std::int64_t(decision.reason))},
+                {"action", plist::Value(std::string(actionName(action)))}}});
   ++actionsTaken_[user.uid];
   if (!actions_) return;
   bool done = true;
   if (action == EndAction::Logout) done = actions_->logout(user.uid);
   if (action == EndAction::Lock) done = actions_->lock(user.uid);
   if (!done) GW_LOG(0, "*** Could not %s %s", actionName(action), user.name.c_str());
+}
+
+void Manager::recordEvent(Event event) {
+  if (event.time == 0) event.time = options_.clock->wallNow().unixTime();
+  std::string detail;
+  for (const auto& [name, value] : event.fields) {
+    if (!detail.empty()) detail += ' ';
+    detail += name + '=' + plist::description(value);
+  }
+  ledger_->store().recordEvent(event.uid, event.time, event.entity, detail);
 }
 
 void Manager::refresh() {

@@ -26,6 +26,7 @@
 #include "daemon/clock.h"
 #include "daemon/decision/login_decision.h"
 #include "daemon/enforce/session_actions.h"
+#include "daemon/events/event.h"
 #include "daemon/limits/computer_limit.h"
 #include "daemon/limits/overrides_file.h"
 #include "daemon/rate_limiter.h"
@@ -79,6 +80,8 @@ class Manager {
   void listeningStatusChanged();
   // Rate limit of what one peer may make the daemon do.
   bool allowPeer(uid_t peer);
+  // Keeps an event for the administrator (logged when it cannot).
+  void recordEvent(Event event);
 
   // Brings every tracked user up to date and re-arms the timer (the timer's own work).
   void refresh();

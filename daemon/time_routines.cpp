@@ -1,10 +1,7 @@
-// The daemon's answer to each routine of the catalogue, as one table.
+// The routines of the login gate and the time limits, and the walk over every subsystem's rows.
 //
-// Every handler learns who is asking from the socket (SO_PEERCRED), never from the message. A uid
-// in the message is honoured only when root asks (the login screen asks about the user who wants
-// to log in); anyone else is answered about themselves, and the mismatch is logged (rate-limited).
 // Resetting usage is root's alone. Rereads and flushes go through the per-peer rate limiter.
-// Routines without a handler here are answered MIG_BAD_ID (-303) when two-way and dropped when
+// Routines without a row in any table are answered MIG_BAD_ID (-303) when two-way and dropped when
 // one-way, with one log line per routine.
 #include <gatewise/log.h>
 
@@ -12,9 +9,9 @@
 #include <string>
 
 #include "daemon/manager.h"
+#include "daemon/routine_table.h"
 
 namespace gw::daemon {
-namespace {
 
 using ipc::Reply;
 using ipc::Request;
@@ -29,6 +26,8 @@ uid_t subjectOf(const Request& request, Manager& manager) {
   }
   return peer;
 }
+
+namespace {
 
 Reply userCanLogin(Manager& m, const Request& r) {
   Decision d = m.loginDecision(subjectOf(r, m));
@@ -74,11 +73,6 @@ Reply listeningStatusChanged(Manager& m, const Request& r) {
   return {};
 }
 
-struct RoutineHandler {
-  const char* routine;
-  Reply (*handle)(Manager&, const Request&);
-};
-
 constexpr RoutineHandler kRoutines[] = {
     {"_GWMIGUserCanLogin", userCanLogin},
     {"_GWMIGGetStatusItems", getStatusItems},
@@ -91,11 +85,17 @@ constexpr RoutineHandler kRoutines[] = {
 
 }  // namespace
 
+std::span<const RoutineHandler> timeLimitRoutines() { return kRoutines; }
+
 void registerRoutines(ipc::Dispatcher& dispatcher, Manager& manager) {
   std::set<std::string_view> served;
-  for (const RoutineHandler& h : kRoutines) {
-    dispatcher.handle(h.routine, [&manager, h](const Request& r) { return h.handle(manager, r); });
-    served.insert(h.routine);
+  for (auto table : {timeLimitRoutines(), appRoutines(), webRoutines(), bookmarkRoutines(),
+                     mailRoutines(), eventRoutines()}) {
+    for (const RoutineHandler& h : table) {
+      dispatcher.handle(h.routine,
+                        [&manager, h](const Request& r) { return h.handle(manager, r); });
+      served.insert(h.routine);
+    }
   }
   auto unsupportedLogged = std::make_shared<std::set<std::string_view>>();
   for (const ipc::Routine& routine : ipc::allRoutines()) {
