@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/apps/app_launches.h"
 #include "daemon/clock.h"
 #include "daemon/decision/login_decision.h"
 #include "daemon/enforce/session_actions.h"
@@ -82,6 +83,8 @@ class Manager {
   bool allowPeer(uid_t peer);
   // Keeps an event for the administrator (logged when it cannot).
   void recordEvent(Event event);
+  // Launch decisions, refused launches and their enforcement.
+  AppLaunches& apps() { return *apps_; }
 
   // Brings every tracked user up to date and re-arms the timer (the timer's own work).
   void refresh();
@@ -135,6 +138,7 @@ class Manager {
   std::unique_ptr<SessionActions> actions_;
   ipc::Dispatcher dispatcher_{ipc::Service::Daemon};
   std::unique_ptr<ipc::MessageServer> server_;
+  std::unique_ptr<AppLaunches> apps_;
   ComputerLimitCache limits_;
   OverridesCache overrides_;
   RateLimiter<uid_t> peerLimiter_{20, 120};
