@@ -62,6 +62,8 @@ class LaunchEnforcer {
   // Reads and answers every pending event now (the loop calls this when the descriptor is
   // readable; benchmarks and tests may call it themselves).
   void drain();
+  // The fanotify descriptor (to poll it without a loop).
+  int descriptor() const { return fanotify_.get(); }
   std::uint64_t answered() const { return answered_; }
   std::uint64_t denied() const { return denied_; }
 
