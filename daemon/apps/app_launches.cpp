@@ -55,11 +55,11 @@ const std::optional<std::string>& AppLaunches::userNameOf(uid_t uid) {
   return names_[uid] = std::move(name);
 }
 
-const AppAccess* AppLaunches::accessOf(uid_t uid) {
+const AppAccess* AppLaunches::accessOf(uid_t uid, bool recentEnough) {
   if (uid == 0) return nullptr;
   const std::optional<std::string>& name = userNameOf(uid);
   if (!name) return nullptr;
-  const AppAccess& access = access_.accessFor(*name);
+  const AppAccess& access = access_.accessFor(*name, recentEnough);
   return access.mode == AppAccess::Mode::Unrestricted ? nullptr : &access;
 }
 
@@ -168,7 +168,7 @@ void AppLaunches::addStatusItems(uid_t uid, plist::Date now,
 }
 
 bool AppLaunches::allowExec(uid_t uid, const ExecFile& file) {
-  const AppAccess* access = accessOf(uid);
+  const AppAccess* access = accessOf(uid, true);
   if (!access) return true;
   ExecKey key{uid, file.device, file.inode, file.changeNanoseconds};
   if (auto it = execs_.find(key);

@@ -86,8 +86,8 @@ class AppLaunches {
 
   // The short name of uid, cached (nullopt: no such user, or an unsafe name).
   const std::optional<std::string>& userNameOf(uid_t uid);
-  // nullptr when uid has no restrictions to decide from.
-  const AppAccess* accessOf(uid_t uid);
+  // nullptr when uid has no restrictions to decide from. recentEnough: see AppAccessCache.
+  const AppAccess* accessOf(uid_t uid, bool recentEnough = false);
   // Whether the program still satisfies the entry's requirement.
   bool satisfiesRequirement(const AppEntry& entry, const std::string& path,
                             const ProgramBundle& program);
