@@ -418,6 +418,11 @@ void Manager::rereadOverrides(uid_t uid) {
   }
 }
 
+MailStore& Manager::mail() {
+  if (!mail_) mail_ = std::make_unique<MailStore>();
+  return *mail_;
+}
+
 void Manager::rereadSettings(uid_t uid) {
   if (User* user = userFor(uid)) {
     limits_.forget(user->name);

@@ -29,6 +29,7 @@
 #include "daemon/events/event.h"
 #include "daemon/limits/computer_limit.h"
 #include "daemon/limits/overrides_file.h"
+#include "daemon/mail/mail_store.h"
 #include "daemon/rate_limiter.h"
 #include "daemon/sessions/session_monitor.h"
 #include "daemon/status_item_info.h"
@@ -82,6 +83,8 @@ class Manager {
   bool allowPeer(uid_t peer);
   // Keeps an event for the administrator (logged when it cannot).
   void recordEvent(Event event);
+  // The users' mail white lists and chat logs.
+  MailStore& mail();
 
   // Brings every tracked user up to date and re-arms the timer (the timer's own work).
   void refresh();
@@ -139,6 +142,7 @@ class Manager {
   OverridesCache overrides_;
   RateLimiter<uid_t> peerLimiter_{20, 120};
   std::map<uid_t, User> users_;
+  std::unique_ptr<MailStore> mail_;
   std::map<uid_t, int> actionsTaken_;
   std::optional<plist::Date> wakeAt_;
   std::optional<std::uint64_t> nextFlush_;  // monotonic microseconds
