@@ -3,11 +3,15 @@
 #include <gatewise/mail.h>
 #include <gatewise/plist.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "support/log_capture.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 #include "support/test_daemon.h"
 
@@ -119,6 +123,42 @@ TEST(MailRequestsTest, ChatLogWithoutDaemonSaysSoAndMailStaysSilent) {
   log.clear();
   GWMailAddToWhiteList(plist::Array::make({"a@b"}), "mia");
   for (const std::string& line : log.lines()) EXPECT_EQ(line.find("***"), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(MailCommandsTest, RequestsReachTheDaemonAndBadInputIsOneLine) {
+  gwtest::TempRoot root;
+  ::chmod(root.path().c_str(), 0755);  // the child that becomes another user reaches the socket
+  auto cli = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"--root", root.path()});
+    return gwtest::runCli(args);
+  };
+  EXPECT_EQ(cli({"mail", "add", "mia", "a@b"}).status, 1);  // no daemon
+  gwtest::TestDaemon daemon;
+  gwtest::RunResult over = cli({"mail", "add", "mia", std::string(kGWMailPayloadLimit, 'a')});
+  EXPECT_EQ(over.status, 2);
+  EXPECT_EQ(std::count(over.err.begin(), over.err.end(), '\n'), 1) << over.err;
+  EXPECT_EQ(cli({"mail", "add", "../mia", "a@b"}).status, 2);
+  EXPECT_EQ(cli({"mail", "add", "mia", "a@b", "c@d"}).status, 0);
+  EXPECT_EQ(cli({"mail", "remove", "mia", "a@b"}).status, 0);
+  ASSERT_TRUE(daemon.waitForRequests(2));
+
+  // Root hands a chat log over as the user it was: the daemon sees that uid on the socket.
+  passwd* pw = ::getpwuid(1);
+  if (::geteuid() == 0 && pw) {
+    std::string log = root.writeFile("/chat.txt", "hi there");
+    ::chmod(log.c_str(), 0644);
+    EXPECT_EQ(cli({"chat", "save", pw->pw_name, log, "--with", "sam"}).status, 0);
+    ASSERT_TRUE(daemon.waitForRequests(3));
+    gwtest::ReceivedRequest got = daemon.received().at(2);
+    EXPECT_EQ(got.routine, "_GWMIGParletSaveChatLog");
+    EXPECT_EQ(got.peer.uid, 1u);
+    EXPECT_EQ(got.integers.at(1), 1);
+  }
+  EXPECT_EQ(cli({"chat", "save", "no-such-user-here", "/chat.txt"}).status, 2);
 }
 
 }  // namespace

@@ -111,6 +111,10 @@ std::shared_ptr<GWManagedPreferencesManager> managerFor(const ForcedOptions& opt
     return nullptr;
   }
   auto manager = GWManagedPreferencesManager::managerForUser(options.user);
+  if (!manager) {
+    *status = fail("invalid user name: " + options.user);
+    return nullptr;
+  }
   *current = manager->dictionaryForDomain(options.domain);
   if (!manager->lastError().empty()) {
     *status = fail(manager->lastError());
