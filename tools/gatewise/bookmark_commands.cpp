@@ -1,5 +1,7 @@
 // Browser bookmarks from a shell:
-//   gatewise bookmarks flat FILE        the flat list of FILE's bookmarks bar (XML property list)
+//   gatewise bookmarks flat FILE [--all]
+//                                       the flat list of FILE's bookmarks bar (XML property list);
+//                                       --all: of the whole file, every top-level folder included
 //   gatewise bookmarks from-flat FILE   the bookmark folder made from a flat list (XML)
 //   gatewise bookmarks add FILE --path /A/B/ --title T --url U
 //                                       adds a bookmark below the bar's folder path, in place
@@ -33,6 +35,7 @@ struct BookmarkOptions {
   std::string title;
   std::string url;
   std::string user;
+  bool all = false;
 };
 
 int printXML(const gw::plist::Value& value) {
@@ -69,7 +72,11 @@ int flat(const BookmarkOptions& options) {
   std::string error;
   auto manager = loadedManager(options.file, &error);
   if (!manager) return fail(error);
-  return printXML(gw::plist::Value(manager->bookmarksBarBookmarks()->flatArray()));
+  gw::GWLumewayBookmarkFolderRef folder =
+      options.all
+          ? gw::GWLumewayBookmarkFolder::bookmarkWithDictionary(manager->dictionaryRepresentation())
+          : manager->bookmarksBarBookmarks();
+  return printXML(gw::plist::Value(folder->flatArray()));
 }
 
 int fromFlat(const BookmarkOptions& options) {
@@ -162,6 +169,7 @@ void registerBookmarkCommands(CLI::App& app, Context& context) {
 
   CLI::App* flatCommand = bookmarks->add_subcommand("flat", "The flat list of a bookmarks bar");
   flatCommand->add_option("FILE", options->file, "Bookmark file")->required();
+  flatCommand->add_flag("--all", options->all, "The whole file instead of the bookmarks bar");
   flatCommand->callback(
       [&context, options] { context.run = [options] { return flat(*options); }; });
 
