@@ -55,7 +55,7 @@ std::string boundedText(std::span<const std::uint8_t> bytes, std::size_t maxByte
   }
   if (!cut) return text;
   // Make room for the ellipsis by whole characters.
-  std::size_t keep = maxBytes > kEllipsis.size() ? maxBytes - kEllipsis.size() : 0;
+  std::size_t keep = maxBytes >= kEllipsis.size() ? maxBytes - kEllipsis.size() : maxBytes;
   while (text.size() > keep) {
     while (!text.empty() && (std::uint8_t(text.back()) & 0xC0) == 0x80) text.pop_back();
     if (!text.empty()) text.pop_back();
