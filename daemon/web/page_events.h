@@ -25,10 +25,6 @@ inline constexpr std::size_t kMaxRecordedURLBytes = 2048;
 inline constexpr std::size_t kMaxRecordedTitleBytes = 512;
 inline constexpr std::size_t kMaxRecordedReasonBytes = 512;
 
-// bytes as UTF-8 text of at most maxBytes: invalid bytes become "?", a longer text is cut where a
-// character starts and ends in "...".
-std::string boundedText(std::span<const std::uint8_t> bytes, std::size_t maxBytes);
-
 // _GWMIGLumewayVisitedPage: the page address and the title, about uid.
 Event visitedPageEvent(uid_t uid, std::span<const std::uint8_t> url,
                        std::span<const std::uint8_t> title);

@@ -8,7 +8,6 @@
 
 namespace {
 
-using gw::daemon::boundedText;
 using gw::daemon::pageReportEvent;
 using gw::plist::Value;
 
@@ -18,14 +17,7 @@ std::span<const std::uint8_t> bytes(std::string_view s) {
 
 std::string xml(const Value& v) { return *gw::plist::writePropertyList(v, gw::plist::Format::XML); }
 
-TEST(WebPageEventsTest, TextsAreCutAtCharactersAndInvalidBytesReplaced) {
-  EXPECT_EQ(boundedText(bytes("short"), 10), "short");
-  EXPECT_EQ(boundedText(bytes("0123456789A"), 10), "0123456...");
-  // "ü" is two bytes: never split, even when the cut falls inside it.
-  EXPECT_EQ(boundedText(bytes("abcdeüüü"), 9), "abcde...");
-  EXPECT_EQ(boundedText(bytes("a\xC3(b\xFF"), 10), "a?(b?");
-  EXPECT_EQ(boundedText(bytes("\xED\xA0\x80"), 10), "???");  // a surrogate is not text
-  EXPECT_EQ(boundedText(bytes("abcdef"), 2), "ab");
+TEST(WebPageEventsTest, VisitsAreRecordedWithBoundedFields) {
   std::string longURL = "http://example.com/" + std::string(10000, 'x');
   gw::daemon::Event visit = gw::daemon::visitedPageEvent(501, bytes(longURL), bytes("Title"));
   EXPECT_EQ(visit.entity, "VisitedPage");

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "web/page_text.h"
+
 namespace gw::webfilter {
 namespace {
 
@@ -43,49 +45,6 @@ void countWords(const WordList& list, std::string_view text, PageScore& score) {
     score.score += found->second;
     ++score.matches[word];
   }
-}
-
-// Cuts text to at most max bytes without splitting a UTF-8 sequence.
-std::string cutAtCharacter(const std::string& text, std::size_t max) {
-  if (text.size() <= max) return text;
-  std::size_t end = max;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
-  return text.substr(0, end);
-}
-
-// Text with every byte that does not belong to a well-formed UTF-8 sequence replaced by "?", so
-// that a page in another encoding still dumps as text.
-std::string validUTF8(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  std::size_t i = 0;
-  while (i < text.size()) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    std::size_t length = c < 0x80           ? 1
-                         : (c >> 5) == 0x6  ? 2
-                         : (c >> 4) == 0xE  ? 3
-                         : (c >> 3) == 0x1E ? 4
-                                            : 0;
-    bool ok = length > 0 && i + length <= text.size();
-    for (std::size_t k = 1; ok && k < length; ++k) {
-      ok = (static_cast<unsigned char>(text[i + k]) & 0xC0) == 0x80;
-    }
-    if (ok && length > 1) {
-      // Overlong forms, surrogates and code points past U+10FFFF are not text either.
-      std::uint32_t cp = c & (0x7F >> length);
-      for (std::size_t k = 1; k < length; ++k) cp = (cp << 6) | (text[i + k] & 0x3F);
-      static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-      ok = cp >= kSmallest[length] && cp <= 0x10FFFF && (cp < 0xD800 || cp > 0xDFFF);
-    }
-    if (!ok) {
-      out.push_back('?');
-      ++i;
-      continue;
-    }
-    out.append(text, i, length);
-    i += length;
-  }
-  return out;
 }
 
 }  // namespace
@@ -146,12 +105,14 @@ PageScore scorePage(const WordList& list, std::span<const std::uint8_t> page,
 
 std::string pageDump(const PageScore& score, const std::string& text, const std::string& title,
                      const std::string& url) {
-  std::string dump = "url: " + url + "\ntitle: " + title + "\n" + score.description +
-                     "\nblocked: " + (score.wantsToBlock ? "yes" : "no") + "\ntext:\n";
-  dump += cutAtCharacter(text, kMaxDumpTextBytes);
+  std::string dump = "url: " + web::boundedText(url, kMaxDumpLineBytes) +
+                     "\ntitle: " + web::boundedText(title, kMaxDumpLineBytes) + "\n" +
+                     score.description + "\nblocked: " + (score.wantsToBlock ? "yes" : "no") +
+                     "\ntext:\n" + web::boundedText(text, kMaxDumpTextBytes);
+  // Invalid bytes are replaced one for one, so the text was cut exactly when it was longer.
   if (text.size() > kMaxDumpTextBytes) dump += "\n[text cut at 64 KiB]";
   dump += "\n";
-  return validUTF8(dump);
+  return dump;
 }
 
 }  // namespace gw::webfilter

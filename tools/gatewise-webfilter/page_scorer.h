@@ -18,6 +18,8 @@ namespace gw::webfilter {
 inline constexpr std::size_t kMaxScoredBytes = std::size_t(8) << 20;
 // The longest text a dump carries; longer text is cut at a character boundary and marked.
 inline constexpr std::size_t kMaxDumpTextBytes = std::size_t(64) << 10;
+// The longest address or title a dump shows.
+inline constexpr std::size_t kMaxDumpLineBytes = 4096;
 
 struct PageScore {
   std::int64_t score = 0;
@@ -33,7 +35,8 @@ std::string visibleText(std::span<const std::uint8_t> page);
 PageScore scorePage(const WordList& list, std::span<const std::uint8_t> page,
                     const std::string& title, const std::string& url);
 
-// The text dump: url, title, score and matches, then the visible text (bounded).
+// The text dump: url, title, score and matches, then the visible text (bounded); valid UTF-8
+// whatever the page's bytes were ("?" for each byte that is not).
 std::string pageDump(const PageScore& score, const std::string& text, const std::string& title,
                      const std::string& url);
 

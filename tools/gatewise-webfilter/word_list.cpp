@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "platform/fs/file_io.h"
+#include "web/page_text.h"
 
 namespace gw::webfilter {
 namespace {
@@ -68,6 +69,7 @@ std::optional<WordList> parseWordList(std::string_view text, std::string* error)
     for (unsigned char c : rest) {
       if (!isWordByte(c)) return fail("a word is letters, digits and non-ASCII characters only");
     }
+    if (web::boundedText(rest, kMaxWordLength) != rest) return fail("a word must be UTF-8 text");
     if (list.weights.size() >= kMaxWords) return fail("too many words");
     std::string word(rest);
     lowerASCII(word);
