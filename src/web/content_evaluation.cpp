@@ -24,10 +24,6 @@ using gw::web::writeFilterMessagef;
 
 constexpr gw_timeout_t kFilterTimeoutMs = 1000;
 
-using FilterRoutine = kern_return_t (*)(mach_port_t, gw_timeout_t, vm_offset_t,
-                                        mach_msg_type_number_t, vm_offset_t, mach_msg_type_number_t,
-                                        vm_offset_t*, mach_msg_type_number_t*);
-
 // The reply region of a filter routine, released with vm_deallocate when it goes.
 class ReplyRegion {
  public:
@@ -45,7 +41,7 @@ class ReplyRegion {
   mach_msg_type_number_t count = 0;
 };
 
-// The page's bytes: empty span for a value that is not data.
+// The page's bytes; nullptr (no page) for a value that is not data.
 const gw::plist::Data* contentBytes(const gw::plist::Value& pageContent) {
   return pageContent.isData() ? &pageContent.data() : nullptr;
 }
