@@ -115,6 +115,11 @@ void MessageServer::Loop::handle(const epoll_event* events, int count) {
   }
 }
 
+void MessageServer::Loop::acceptWaiting() {
+  ++counters_.loopWakeups;
+  if (listening_) accept();
+}
+
 void MessageServer::Loop::accept() {
   for (int i = 0; i < kAcceptsPerWakeup; ++i) {
     int fd = ::accept4(server_.listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);

@@ -51,6 +51,9 @@ struct MessageServer::Loop {
 
   // Handles one batch of epoll events.
   void handle(const epoll_event* events, int count);
+  // Accepts and serves the connections waiting on the listener (when it is listened to).
+  void acceptWaiting();
+  bool holdsNoConnection() const { return connections_.empty(); }
   // Acts on the deadlines that have passed.
   void expire();
   std::optional<Clock::time_point> nextDeadline() const;
