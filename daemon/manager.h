@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/apps/app_launches.h"
 #include "daemon/clock.h"
 #include "daemon/decision/login_decision.h"
 #include "daemon/enforce/session_actions.h"
@@ -86,6 +87,8 @@ class Manager {
   void recordEvent(Event event);
   // The users' mail white lists and chat logs.
   MailStore& mail();
+  // Launch decisions, refused launches and their enforcement.
+  AppLaunches& apps() { return *apps_; }
 
   // Brings every tracked user up to date and re-arms the timer (the timer's own work).
   void refresh();
@@ -149,6 +152,7 @@ class Manager {
   std::unique_ptr<SessionActions> actions_;
   ipc::Dispatcher dispatcher_{ipc::Service::Daemon};
   std::unique_ptr<ipc::MessageServer> server_;
+  std::unique_ptr<AppLaunches> apps_;
   ComputerLimitCache limits_;
   OverridesCache overrides_;
   SettingsWatch settingsWatch_;
