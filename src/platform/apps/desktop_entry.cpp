@@ -166,9 +166,12 @@ std::optional<std::string> programOfExec(std::string_view exec) {
   std::size_t first = 0;
   if (isEnvProgram((*words)[0])) {
     first = 1;
+    // Settings ("A=b") and options; "-u NAME" and "-C FOLDER" take the following word too.
     while (first < words->size() &&
-           ((*words)[first].find('=') != std::string::npos || (*words)[first].starts_with('-')))
-      ++first;
+           ((*words)[first].find('=') != std::string::npos || (*words)[first].starts_with('-'))) {
+      const std::string& word = (*words)[first++];
+      if ((word == "-u" || word == "-C") && first < words->size()) ++first;
+    }
   }
   if (first == words->size() || (*words)[first].empty()) return std::nullopt;
   return (*words)[first];
