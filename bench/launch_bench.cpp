@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
   if (!manager) {
     std::fprintf(stderr, "launch_bench: %s\n", error.c_str());
     result = 1;
-  } else if (!manager->apps().enforce({}, {enforced}, &error)) {
+  } else if (!manager->apps().enforce({}, {enforced}, false, &error)) {
     std::printf("launch_bench: skipped (fanotify unavailable: %s)\n", error.c_str());
   } else {
     std::atomic<bool> stop{false};

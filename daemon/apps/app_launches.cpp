@@ -186,8 +186,9 @@ bool AppLaunches::allowExec(uid_t uid, const ExecFile& file) {
 }
 
 bool AppLaunches::enforce(std::vector<std::string> mounts, std::vector<std::string> files,
-                          std::string* error) {
+                          bool followMounts, std::string* error) {
   LaunchEnforcerOptions options;
+  options.followMounts = followMounts;
   options.mounts = std::move(mounts);
   options.files = std::move(files);
   options.decide = [this](uid_t uid, pid_t, const ExecFile& file) { return allowExec(uid, file); };
@@ -199,7 +200,7 @@ void AppLaunches::enforceIfConfigured() {
   std::optional<plist::Value> setting = prefs::copyHostValue(kHostDomain, kEnforceLaunchesKey);
   if (!setting || !setting->boolValue()) return;
   std::string error;
-  if (enforce(LaunchEnforcer::programMounts(), {}, &error)) {
+  if (enforce(LaunchEnforcer::programMounts(), {}, true, &error)) {
     GW_LOG(1, "Enforcing launches of managed users");
   } else {
     GW_LOG(0, "*** Can't enforce launches (%s): launchers alone are asked", error.c_str());
