@@ -110,6 +110,9 @@ std::unique_ptr<EventStore> EventStore::open(const std::string& path, std::strin
   }
   sqlite3_busy_timeout(db, 2000);
   std::unique_ptr<EventStore> store(new EventStore(db));
+  // As the usage store: in WAL mode a commit without a sync loses at most the last ones in a
+  // power cut, never the file.
+  store->execute("PRAGMA synchronous=NORMAL");
   Statement version(db, "PRAGMA user_version");
   if (!version || sqlite3_step(version.get()) != SQLITE_ROW ||
       sqlite3_column_int(version.get(), 0) != UsageStore::kSchemaVersion) {
