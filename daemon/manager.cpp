@@ -70,6 +70,8 @@ bool Manager::start(std::string* error) {
   if (r < 0) return failed("timer", r);
   sd_event_source_set_enabled(timer_, SD_EVENT_OFF);
   watchClockChanges();
+  apps_ = std::make_unique<AppLaunches>(*this);
+  if (options_.serve) apps_->enforceIfConfigured();
 
   if (options_.serve) {
     sigset_t mask;
@@ -222,15 +224,29 @@ void Manager::clockJumped() {
   refresh();
 }
 
-Decision Manager::decisionFor(const User& user, const ComputerLimit* limit, plist::Date now) {
+Decision Manager::decisionFor(User& user, const ComputerLimit* limit, plist::Date now) {
+  user.decidedLimit = limit;
   if (!limit) return {};
   Grant grant = overrides_.grantFor(user.name, dayKeyOf(now));
+  user.decidedGrant = grant;
   uid_t uid = user.uid;
   UsageLookup usage = [this, uid](const std::string& day) { return ledger_->usageOn(uid, day); };
   return decide(limit, now, usage, grant);
 }
 
 Decision Manager::update(User& user, plist::Date now) {
+  // Watch the user's files before reading them: a change from here on moves the generation.
+  std::optional<std::string> limitsFile =
+      GWManagedPreferencesFileForUser(user.name, kTimeLimitsDomain);
+  std::optional<std::string> userFolder = GWFolderForUserName(user.name);
+  user.decidedGeneration.reset();
+  if (limitsFile && userFolder) {
+    const std::string files[] = {*limitsFile, *userFolder + "/" + kOverridesFileName};
+    if (settingsWatch_.watch(files)) {
+      settingsWatch_.changed();
+      user.decidedGeneration = settingsWatch_.generation();
+    }
+  }
   const ComputerLimit* limit = limits_.limitFor(user.name);
   book(user, now, limit);
   Decision decision = decisionFor(user, limit, now);
@@ -272,7 +288,34 @@ Decision Manager::update(User& user, plist::Date now) {
   }
   if (wake && !(*wake > now)) wake = plus(now, 1);
   user.wakeAt = wake;
+  user.decision = decision;
+  user.decidedAt = now;
+  user.decidedMonotonic = options_.clock->monotonicMicroseconds();
   return decision;
+}
+
+// What a decision is made from (the user's files, today's usage and grant) holds until the next
+// moment the decision could change (the user's wake), as long as the user is not using the
+// computer (nothing is booked), the clock did not go back, and none of the user's files changed.
+// However sure that looks, everything is read again after a second.
+std::optional<Decision> Manager::reusableDecision(const User& user, plist::Date now) {
+  constexpr std::uint64_t kLongestReuseMicroseconds = 1000000;
+  if (!user.decision || user.counting || !user.decidedGeneration) return std::nullopt;
+  if (now < user.decidedAt || (user.wakeAt && !(now < *user.wakeAt))) return std::nullopt;
+  if (options_.clock->monotonicMicroseconds() - user.decidedMonotonic >=
+      kLongestReuseMicroseconds) {
+    return std::nullopt;
+  }
+  if (settingsWatch_.changed() || *user.decidedGeneration != settingsWatch_.generation()) {
+    return std::nullopt;
+  }
+  // A refusal lasts until a fixed moment, a curfew cuts use off at one, no limit has no end: the
+  // same answer at any moment before the wake. Time left to an allowance counts from now.
+  const Decision& last = *user.decision;
+  if (!last.allowed() || !last.end || last.endCause == EndCause::Curfew) return last;
+  uid_t uid = user.uid;
+  UsageLookup usage = [this, uid](const std::string& day) { return ledger_->usageOn(uid, day); };
+  return decide(user.decidedLimit, now, usage, user.decidedGrant);
 }
 
 void Manager::endTime(User& user, const Decision& decision) {
@@ -397,18 +440,20 @@ Decision Manager::loginDecision(uid_t uid) {
   User* user = userFor(uid);
   if (!user) return {};
   plist::Date now = options_.clock->wallNow();
+  if (std::optional<Decision> reused = reusableDecision(*user, now)) return *reused;
   Decision decision = update(*user, now);
   armTimer();
   return decision;
 }
 
 std::vector<StatusItemInfo> Manager::statusItems(uid_t uid) {
-  User* user = userFor(uid);
-  if (!user) return {};
-  const ComputerLimit* limit = limits_.limitFor(user->name);
-  if (!limit) return {};
+  std::vector<StatusItemInfo> items;
   plist::Date now = options_.clock->wallNow();
-  return statusItemsAt(loginDecision(uid), now, limit->name);
+  User* user = userFor(uid);
+  const ComputerLimit* limit = user ? limits_.limitFor(user->name) : nullptr;
+  if (limit) items = statusItemsAt(loginDecision(uid), now, limit->name);
+  apps_->addStatusItems(uid, now, items);
+  return items;
 }
 
 void Manager::rereadOverrides(uid_t uid, uid_t by) {
@@ -420,6 +465,11 @@ void Manager::rereadOverrides(uid_t uid, uid_t by) {
     update(*user, options_.clock->wallNow());
     armTimer();
   }
+}
+
+MailStore& Manager::mail() {
+  if (!mail_) mail_ = std::make_unique<MailStore>();
+  return *mail_;
 }
 
 void Manager::rereadSettings(uid_t uid) {

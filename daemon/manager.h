@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/apps/app_launches.h"
 #include "daemon/clock.h"
 #include "daemon/decision/login_decision.h"
 #include "daemon/enforce/session_actions.h"
@@ -30,6 +31,8 @@
 #include "daemon/events/event_service.h"
 #include "daemon/limits/computer_limit.h"
 #include "daemon/limits/overrides_file.h"
+#include "daemon/limits/settings_watch.h"
+#include "daemon/mail/mail_store.h"
 #include "daemon/rate_limiter.h"
 #include "daemon/sessions/session_monitor.h"
 #include "daemon/status_item_info.h"
@@ -86,6 +89,10 @@ class Manager {
   void recordEvent(Event event);
   // The recorded events and the proxies clients query them through.
   EventService& events() { return *events_; }
+  // The users' mail white lists and chat logs.
+  MailStore& mail();
+  // Launch decisions, refused launches and their enforcement.
+  AppLaunches& apps() { return *apps_; }
 
   // Brings every tracked user up to date and re-arms the timer (the timer's own work).
   void refresh();
@@ -109,6 +116,13 @@ class Manager {
     std::optional<bool> lastAllowed;
     bool acted = false;
     std::optional<plist::Date> wakeAt;
+    // The last decision, which a login question reuses while nothing it was made from changed.
+    std::optional<Decision> decision;
+    plist::Date decidedAt;
+    std::uint64_t decidedMonotonic = 0;
+    std::optional<std::uint64_t> decidedGeneration;  // of settingsWatch_; none: files unwatched
+    const ComputerLimit* decidedLimit = nullptr;     // what it was made from
+    Grant decidedGrant;
   };
 
   explicit Manager(ManagerOptions options);
@@ -117,9 +131,12 @@ class Manager {
   void trackManagedUsers();
   void sessionsChanged(uid_t uid);
   void book(User& user, plist::Date now, const ComputerLimit* limit);
-  Decision decisionFor(const User& user, const ComputerLimit* limit, plist::Date now);
+  Decision decisionFor(User& user, const ComputerLimit* limit, plist::Date now);
   // Books, decides, notifies and acts for one user; the decision it made.
   Decision update(User& user, plist::Date now);
+  // The user's decision at now from what the last one was made from, when nothing it depends on
+  // can have changed since; nullopt when it must be made afresh by update().
+  std::optional<Decision> reusableDecision(const User& user, plist::Date now);
   void endTime(User& user, const Decision& decision);
   void armTimer();
   static int onTimer(sd_event_source*, uint64_t, void* self);
@@ -140,10 +157,13 @@ class Manager {
   std::unique_ptr<SessionActions> actions_;
   ipc::Dispatcher dispatcher_{ipc::Service::Daemon};
   std::unique_ptr<ipc::MessageServer> server_;
+  std::unique_ptr<AppLaunches> apps_;
   ComputerLimitCache limits_;
   OverridesCache overrides_;
+  SettingsWatch settingsWatch_;
   RateLimiter<uid_t> peerLimiter_{20, 120};
   std::map<uid_t, User> users_;
+  std::unique_ptr<MailStore> mail_;
   std::map<uid_t, int> actionsTaken_;
   std::optional<plist::Date> wakeAt_;
   std::optional<std::uint64_t> nextFlush_;  // monotonic microseconds

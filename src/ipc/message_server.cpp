@@ -163,9 +163,15 @@ void MessageServer::run() {
 }
 
 void MessageServer::serviceOnce() {
-  epoll_event events[64];
-  int n = ::epoll_wait(epoll_.get(), events, 64, 0);
-  if (n > 0) loop_->handle(events, n);
+  // With no connection held the listener is all there is to serve (a stop is seen below): accept
+  // straight away rather than ask the inner epoll first.
+  if (loop_->holdsNoConnection() && !stopping_) {
+    loop_->acceptWaiting();
+  } else {
+    epoll_event events[64];
+    int n = ::epoll_wait(epoll_.get(), events, 64, 0);
+    if (n > 0) loop_->handle(events, n);
+  }
   loop_->expire();
   if (stopping_) {
     sd_event_source_set_enabled(ioSource_, SD_EVENT_OFF);
@@ -175,12 +181,22 @@ void MessageServer::serviceOnce() {
 
 int MessageServer::rearmTimer() {
   if (stopping_) return 0;
+  // A timer armed for a moment no later than the earliest deadline stays as it is, also when no
+  // deadline is left: going off early costs one wake-up that finds nothing due, where re-arming
+  // for every connection would reprogram the kernel timer twice per request.
   auto deadline = loop_->nextDeadline();
-  if (!deadline) return sd_event_source_set_enabled(timerSource_, SD_EVENT_OFF);
+  int enabled = SD_EVENT_OFF;
+  std::uint64_t armedFor = 0;
+  bool armed = sd_event_source_get_enabled(timerSource_, &enabled) >= 0 &&
+               enabled != SD_EVENT_OFF && sd_event_source_get_time(timerSource_, &armedFor) >= 0;
   // steady_clock is CLOCK_MONOTONIC, the clock the timer source runs on.
-  auto usec = std::chrono::duration_cast<std::chrono::microseconds>(deadline->time_since_epoch());
-  int rc =
-      sd_event_source_set_time(timerSource_, std::uint64_t(std::max<long long>(usec.count(), 1)));
+  std::uint64_t due = 0;
+  if (deadline) {
+    auto usec = std::chrono::duration_cast<std::chrono::microseconds>(deadline->time_since_epoch());
+    due = std::uint64_t(std::max<long long>(usec.count(), 1));
+  }
+  if (!deadline || (armed && armedFor <= due)) return 0;
+  int rc = sd_event_source_set_time(timerSource_, due);
   if (rc < 0) return rc;
   return sd_event_source_set_enabled(timerSource_, SD_EVENT_ONESHOT);
 }

@@ -23,9 +23,46 @@ constexpr std::size_t kFreeBytes = 4 + kMaxRequestSize;
 constexpr std::size_t kChunkSize = 64 * 1024;
 constexpr int kAcceptsPerWakeup = 64;
 
-std::uint32_t frameLength(const std::vector<std::uint8_t>& in) {
+std::uint32_t frameLength(const std::uint8_t* in) {
   return std::uint32_t(in[0]) | std::uint32_t(in[1]) << 8 | std::uint32_t(in[2]) << 16 |
          std::uint32_t(in[3]) << 24;
+}
+
+enum class Frame { Partial, Complete, Malformed };
+
+// Where the first `size` bytes of a connection stand: a length no request can have is malformed.
+Frame frameState(const std::uint8_t* in, std::size_t size) {
+  if (size < 4) return Frame::Partial;
+  std::uint32_t length = frameLength(in);
+  if (length < sizeof(mach_msg_header_t) || length > kMaxFrame) return Frame::Malformed;
+  return size - 4 >= length ? Frame::Complete : Frame::Partial;
+}
+
+void putLength(std::uint8_t* out, std::uint32_t length) {
+  out[0] = std::uint8_t(length);
+  out[1] = std::uint8_t(length >> 8);
+  out[2] = std::uint8_t(length >> 16);
+  out[3] = std::uint8_t(length >> 24);
+}
+
+// Sends what the socket takes of the length prefix and reply, from byte `from` of the two, without
+// waiting; the bytes sent, or -1 when the peer is gone.
+ssize_t sendSome(int fd, const std::uint8_t (&prefix)[4], std::span<const std::uint8_t> reply,
+                 std::size_t from) {
+  iovec parts[2];
+  int count = 0;
+  if (from < 4) parts[count++] = {const_cast<std::uint8_t*>(prefix) + from, 4 - from};
+  std::size_t inReply = from < 4 ? 0 : from - 4;
+  parts[count++] = {const_cast<std::uint8_t*>(reply.data()) + inReply, reply.size() - inReply};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = std::size_t(count);
+  for (;;) {
+    ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n >= 0) return n;
+    if (errno == EINTR) continue;
+    return errno == EAGAIN ? 0 : -1;
+  }
 }
 
 std::uint64_t chargeFor(std::size_t capacity) {
@@ -78,6 +115,11 @@ void MessageServer::Loop::handle(const epoll_event* events, int count) {
   }
 }
 
+void MessageServer::Loop::acceptWaiting() {
+  ++counters_.loopWakeups;
+  if (listening_) accept();
+}
+
 void MessageServer::Loop::accept() {
   for (int i = 0; i < kAcceptsPerWakeup; ++i) {
     int fd = ::accept4(server_.listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
@@ -88,11 +130,13 @@ void MessageServer::Loop::accept() {
       }
       return;
     }
+    counters_.openConnections = connections_.size() + 1;  // the one being served is open too
     try {
       admit(UniqueFd(fd));
     } catch (const std::exception& e) {  // the descriptor is closed on the way out
       GW_LOG_CAUGHT(e);
     }
+    counters_.openConnections = connections_.size();
   }
 }
 
@@ -126,43 +170,82 @@ void MessageServer::Loop::resumeListener() {
   watch(server_.listener_.get(), EPOLLIN, EPOLL_CTL_MOD);
 }
 
+// A client has usually sent its whole request by the time it is accepted: it is read at once and,
+// when it is all there, answered before the connection is ever registered with epoll. Only what
+// has to wait (the rest of a request, a delayed or unfinished answer) becomes a Connection, held
+// to the caps on connections per uid and in all.
 void MessageServer::Loop::admit(UniqueFd fd) {
-  const Limits& limits = server_.limits_;
   Credentials peer;
   ucred cred{};
   socklen_t length = sizeof cred;
   if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0) {
     peer = {cred.uid, cred.gid, cred.pid};
   }
+  // Up to the free allowance: the length and, in the same read, any request without regions.
+  std::vector<UniqueFd> fds;
+  std::size_t got = 0, dropped = 0;
+  mach::IoStatus status = mach::receiveBounded(fd.get(), chunk_.data(), kFreeBytes, &got, &fds,
+                                               maxPortsPerRequest(), &dropped);
+  counters_.descriptorsRefused += dropped;
+  if (status != mach::IoStatus::Ok) return;
+  Frame state = frameState(chunk_.data(), got);
+  if (state == Frame::Malformed) return;
+  if (state == Frame::Complete) {
+    ++counters_.accepted;
+    std::span<const std::uint8_t> body(chunk_.data() + 4, frameLength(chunk_.data()));
+    Dispatcher::Outcome outcome = serve(body, fds, peer, dropped > 0);
+    fds.clear();
+    if (outcome.delay.count() == 0) {
+      if (!outcome.answer) return;
+      std::uint8_t prefix[4];
+      putLength(prefix, std::uint32_t(outcome.reply.size()));
+      ssize_t sent = sendSome(fd.get(), prefix, outcome.reply, 0);
+      if (sent < 0 || std::size_t(sent) == 4 + outcome.reply.size()) return;
+      // The socket is full: the rest goes out when epoll says it can.
+      Connection* c = keep(std::move(fd), peer, EPOLLOUT);
+      if (!c) return;
+      answerLater(*c, std::move(outcome));
+      c->sent = std::size_t(sent);
+      c->writing = true;
+      c->due = Clock::now() + server_.limits_.idleTimeout;
+      return;
+    }
+    // Wait, but notice a client that gives up.
+    Connection* c = keep(std::move(fd), peer, EPOLLRDHUP);
+    if (c) answerLater(*c, std::move(outcome));
+    return;
+  }
+  Connection* c = keep(std::move(fd), peer, EPOLLIN);
+  if (!c) return;
+  ++counters_.accepted;
+  c->in.assign(chunk_.data(), chunk_.data() + got);
+  c->fds = std::move(fds);
+  c->excessDescriptors = dropped > 0;
+}
+
+MessageServer::Loop::Connection* MessageServer::Loop::keep(UniqueFd fd, const Credentials& peer,
+                                                           std::uint32_t events) {
+  const Limits& limits = server_.limits_;
   // Root is held to the total only; anyone else first to the per-uid cap.
   if (peer.uid != 0 && connectionsPerUid_[peer.uid] >= limits.maxConnectionsPerUid &&
       !reclaimFrom(peer.uid)) {
     ++counters_.refusedConnections;
-    return;
+    return nullptr;
   }
   if (connections_.size() >= limits.maxConnections && !reclaimFromLargestHolder()) {
     ++counters_.refusedConnections;
-    return;
+    return nullptr;
   }
   int key = fd.get();
-  Connection c;
+  watch(key, events, EPOLL_CTL_ADD);
+  Connection& c = connections_[key];
   c.fd = std::move(fd);
   c.peer = peer;
   c.serial = nextSerial_++;
   c.due = Clock::now() + limits.idleTimeout;
-  connections_.emplace(key, std::move(c));
   ++connectionsPerUid_[peer.uid];
-  ++counters_.accepted;
   counters_.openConnections = connections_.size();
-  watch(key, EPOLLIN, EPOLL_CTL_ADD);
-  // A client has usually sent its whole request by the time it is accepted: serve it now rather
-  // than after another turn of the loop. Whatever has not arrived yet is read when epoll says so.
-  try {
-    read(connections_.find(key)->second);
-  } catch (const std::exception& e) {  // std::bad_alloc above all: drop this one, serve on
-    GW_LOG_CAUGHT(e);
-    close(key);
-  }
+  return &c;
 }
 
 // Closes the oldest connection of uid that is still reading its request.
@@ -208,15 +291,10 @@ bool MessageServer::Loop::charge(Connection& c, std::size_t capacity) {
 void MessageServer::Loop::read(Connection& c) {
   const std::size_t maxFds = maxPortsPerRequest();
   for (;;) {
-    std::size_t want = chunk_.size();
-    std::uint64_t total = 4;
-    if (c.in.size() >= 4) {
-      total = 4 + std::uint64_t(frameLength(c.in));
-      want = std::min<std::uint64_t>(want, total - c.in.size());
-      if (want == 0) break;
-    } else {
-      want = 4 - c.in.size();  // the length first, so that no byte past the frame is read
-    }
+    std::uint64_t total = kFreeBytes;  // until the length is known: no more than the allowance
+    if (c.in.size() >= 4) total = 4 + std::uint64_t(frameLength(c.in.data()));
+    if (c.in.size() >= total) break;
+    std::size_t want = std::min<std::uint64_t>(chunk_.size(), total - c.in.size());
     std::size_t got = 0, dropped = 0;
     mach::IoStatus status =
         mach::receiveBounded(c.fd.get(), chunk_.data(), want, &got, &c.fds, maxFds, &dropped);
@@ -230,7 +308,8 @@ void MessageServer::Loop::read(Connection& c) {
     if (needed > c.in.capacity()) {
       // Grow with the bytes that came, never to the declared length up front.
       std::size_t capacity = std::max<std::size_t>(needed, 2 * c.in.capacity());
-      capacity = std::min<std::uint64_t>(std::max<std::size_t>(capacity, 64), total);
+      capacity = std::min<std::uint64_t>(std::max<std::size_t>(capacity, 64),
+                                         std::max<std::uint64_t>(total, needed));
       if (!charge(c, capacity)) {
         ++counters_.overBudgetConnections;
         GW_LOG(1, "*** request of pid %d (uid %d) held too much memory; closed", int(c.peer.pid),
@@ -240,44 +319,49 @@ void MessageServer::Loop::read(Connection& c) {
       c.in.reserve(capacity);
     }
     c.in.insert(c.in.end(), chunk_.data(), chunk_.data() + got);
-    if (c.in.size() == 4) {
-      std::uint32_t length = frameLength(c.in);
-      if (length < sizeof(mach_msg_header_t) || length > kMaxFrame) return close(c.fd.get());
-    }
+    if (frameState(c.in.data(), c.in.size()) == Frame::Malformed) return close(c.fd.get());
   }
+  c.in.resize(4 + frameLength(c.in.data()));  // bytes past the only frame are not looked at
   dispatch(c);
+}
+
+Dispatcher::Outcome MessageServer::Loop::serve(std::span<const std::uint8_t> body,
+                                               const std::vector<UniqueFd>& fds,
+                                               const Credentials& peer, bool excessDescriptors) {
+  if (excessDescriptors) return server_.dispatcher_.refuseMalformed(body, peer);
+  std::vector<int> received;  // allocates only when descriptors came
+  for (const UniqueFd& fd : fds) received.push_back(fd.get());
+  return server_.dispatcher_.dispatch(body, received, peer);
 }
 
 void MessageServer::Loop::dispatch(Connection& c) {
   std::span<const std::uint8_t> body(c.in.data() + 4, c.in.size() - 4);
-  Dispatcher::Outcome outcome;
-  if (c.excessDescriptors) {
-    outcome = server_.dispatcher_.refuseMalformed(body, c.peer);
-  } else {
-    std::vector<int> fds;
-    for (const UniqueFd& fd : c.fds) fds.push_back(fd.get());
-    outcome = server_.dispatcher_.dispatch(body, fds, c.peer);
-  }
+  Dispatcher::Outcome outcome = serve(body, c.fds, c.peer, c.excessDescriptors);
   c.fds.clear();
   c.in = {};
   if ((bytesPerUid_[c.peer.uid] -= c.charged) == 0) bytesPerUid_.erase(c.peer.uid);
   bytesInFlight_ -= c.charged;
   c.charged = 0;
   counters_.bytesInFlight = bytesInFlight_;
-  c.dispatched = true;
-  c.answering = outcome.answer;
-  if (outcome.answer) {
-    std::uint32_t length = std::uint32_t(outcome.reply.size());
-    c.out = {std::uint8_t(length), std::uint8_t(length >> 8), std::uint8_t(length >> 16),
-             std::uint8_t(length >> 24)};
-    c.out.insert(c.out.end(), outcome.reply.begin(), outcome.reply.end());
-  }
-  if (outcome.delay.count() > 0) {
-    c.due = Clock::now() + outcome.delay;
+  bool delayed = outcome.delay.count() > 0;
+  answerLater(c, std::move(outcome));
+  if (delayed) {
     watch(c.fd.get(), EPOLLRDHUP, EPOLL_CTL_MOD);  // wait, but notice a client that gives up
     return;
   }
   finish(c);
+}
+
+// Keeps the answer (length prefix and reply) in the connection, to be written by finish().
+void MessageServer::Loop::answerLater(Connection& c, Dispatcher::Outcome outcome) {
+  c.dispatched = true;
+  c.answering = outcome.answer;
+  if (outcome.answer) {
+    c.out.resize(4 + outcome.reply.size());
+    putLength(c.out.data(), std::uint32_t(outcome.reply.size()));
+    std::copy(outcome.reply.begin(), outcome.reply.end(), c.out.begin() + 4);
+  }
+  if (outcome.delay.count() > 0) c.due = Clock::now() + outcome.delay;
 }
 
 // Writes what is left of the answer, or closes when there is none.

@@ -51,6 +51,9 @@ struct MessageServer::Loop {
 
   // Handles one batch of epoll events.
   void handle(const epoll_event* events, int count);
+  // Accepts and serves the connections waiting on the listener (when it is listened to).
+  void acceptWaiting();
+  bool holdsNoConnection() const { return connections_.empty(); }
   // Acts on the deadlines that have passed.
   void expire();
   std::optional<Clock::time_point> nextDeadline() const;
@@ -58,6 +61,9 @@ struct MessageServer::Loop {
  private:
   void accept();
   void admit(fs::UniqueFd fd);
+  // Takes a connection into the table and epoll (watching `events`), within the caps; nullptr
+  // (the connection closed) when there is no room.
+  Connection* keep(fs::UniqueFd fd, const Credentials& peer, std::uint32_t events);
   bool reclaimFrom(uid_t uid);
   bool reclaimFromLargestHolder();
   void outOfDescriptors();
@@ -65,7 +71,11 @@ struct MessageServer::Loop {
   void resumeListener();
   void read(Connection& c);
   bool charge(Connection& c, std::size_t capacity);
+  Dispatcher::Outcome serve(std::span<const std::uint8_t> body,
+                            const std::vector<fs::UniqueFd>& fds, const Credentials& peer,
+                            bool excessDescriptors);
   void dispatch(Connection& c);
+  void answerLater(Connection& c, Dispatcher::Outcome outcome);
   void finish(Connection& c);
   void close(int fd);
   void watch(int fd, std::uint32_t events, int op);

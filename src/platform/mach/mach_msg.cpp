@@ -20,6 +20,8 @@ constexpr mach_msg_return_t kSendNoBuffer = 0x1000000d;
 constexpr mach_msg_return_t kReceiveBodyError = 0x1000400c;
 // Enough for every reply of the catalogue, so that the common case takes one read.
 constexpr std::size_t kSmallReply = 256;
+// The most descriptors a frame can carry (what sendAll sends with one message).
+constexpr std::size_t kMaxReplyRights = 16;
 
 // What a dead Mach server leaves in the reply port: the send-once notification.
 mach_msg_return_t deliverServerDiedNotification(mach_msg_header_t* msg, mach_msg_size_t rcv_size,
@@ -52,12 +54,14 @@ mach_msg_return_t sendStatus(IoStatus status) {
 mach_msg_return_t receiveReply(int fd, mach_msg_header_t* msg, mach_msg_size_t rcv_size,
                                mach_port_t rcv_name, Deadline deadline) {
   std::vector<UniqueFd> fds;
+  std::size_t dropped = 0;  // descriptors past kMaxReplyRights: the reply cannot be whole
   std::uint8_t small[4 + kSmallReply];
   // The first read takes the length and, usually, the whole reply.
   std::size_t have = 0;
   while (have < 4) {
     std::size_t got = 0;
-    IoStatus status = receiveAvailable(fd, small + have, sizeof small - have, &got, &fds);
+    IoStatus status = receiveBounded(fd, small + have, sizeof small - have, &got, &fds,
+                                     kMaxReplyRights, &dropped);
     if (status == IoStatus::Closed) return deliverServerDiedNotification(msg, rcv_size, rcv_name);
     if (status != IoStatus::Ok) return MACH_RCV_PORT_DIED;
     if (got == 0) {
@@ -75,6 +79,7 @@ mach_msg_return_t receiveReply(int fd, mach_msg_header_t* msg, mach_msg_size_t r
   std::size_t inSmall = have - 4;
   if (inSmall > length) return MACH_RCV_INVALID_DATA;  // bytes after the only frame
   if (inSmall == length) {
+    if (dropped > 0) return MACH_RCV_INVALID_DATA;
     return deliverFrame(std::span<const std::uint8_t>(small + 4, length), fds, msg, rcv_size);
   }
   std::vector<std::uint8_t> body;
@@ -84,10 +89,12 @@ mach_msg_return_t receiveReply(int fd, mach_msg_header_t* msg, mach_msg_size_t r
     return kReceiveBodyError;
   }
   std::memcpy(body.data(), small + 4, inSmall);
-  IoStatus status = receiveExactly(fd, body.data() + inSmall, length - inSmall, deadline, &fds);
+  IoStatus status = receiveExactly(fd, body.data() + inSmall, length - inSmall, deadline, &fds,
+                                   kMaxReplyRights, &dropped);
   if (status == IoStatus::Closed) return deliverServerDiedNotification(msg, rcv_size, rcv_name);
   if (status == IoStatus::TimedOut) return MACH_RCV_TIMED_OUT;
   if (status != IoStatus::Ok) return MACH_RCV_PORT_DIED;
+  if (dropped > 0) return MACH_RCV_INVALID_DATA;
   return deliverFrame(body, fds, msg, rcv_size);
 }
 

@@ -49,22 +49,6 @@ int connectWaiting(int fd, const sockaddr_un& address, socklen_t length, Deadlin
   return rc;
 }
 
-void takeDescriptors(msghdr& message, std::vector<UniqueFd>* fds) {
-  for (cmsghdr* c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c)) {
-    if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
-    std::size_t n = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-    for (std::size_t i = 0; i < n; ++i) {
-      int fd;
-      std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
-      if (fds) {
-        fds->emplace_back(fd);
-      } else {
-        ::close(fd);
-      }
-    }
-  }
-}
-
 }  // namespace
 
 int Deadline::pollTimeout() const {
@@ -166,42 +150,21 @@ IoStatus sendAll(int fd, std::span<const iovec> iov, std::span<const int> fds, D
   return IoStatus::Ok;
 }
 
-IoStatus receiveAvailable(int fd, std::uint8_t* buffer, std::size_t size, std::size_t* got,
-                          std::vector<UniqueFd>* fds) {
-  *got = 0;
-  for (;;) {
-    iovec v{buffer, size};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 16)];
-    msghdr message{};
-    message.msg_iov = &v;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    ssize_t n = ::recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN) return IoStatus::Ok;
-      if (errno == ECONNRESET) return IoStatus::Closed;
-      return IoStatus::Failed;
-    }
-    takeDescriptors(message, fds);
-    if (n == 0 && size > 0) return IoStatus::Closed;
-    *got = std::size_t(n);
-    return IoStatus::Ok;
-  }
-}
-
 IoStatus receiveBounded(int fd, std::uint8_t* buffer, std::size_t size, std::size_t* got,
                         std::vector<UniqueFd>* fds, std::size_t maxFds, std::size_t* dropped) {
   *got = 0;
+  const std::size_t room =
+      std::min(kMaxRightsPerRead, maxFds > fds->size() ? maxFds - fds->size() : 0);
   for (;;) {
     iovec v{buffer, size};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxRightsPerRead)];
     msghdr message{};
     message.msg_iov = &v;
     message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
+    if (room > 0) {  // no room at all: no control buffer, and the kernel keeps every right out
+      message.msg_control = control;
+      message.msg_controllen = CMSG_SPACE(sizeof(int) * room);
+    }
     ssize_t n = ::recvmsg(fd, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (n < 0) {
       if (errno == EINTR) continue;
@@ -211,13 +174,20 @@ IoStatus receiveBounded(int fd, std::uint8_t* buffer, std::size_t size, std::siz
     }
     // The kernel closes what did not fit; the frame is short of descriptors it was sent with.
     if (message.msg_flags & MSG_CTRUNC) ++*dropped;
-    std::vector<UniqueFd> arrived;
-    takeDescriptors(message, &arrived);
-    for (UniqueFd& received : arrived) {
-      if (fds->size() < maxFds) {
-        fds->push_back(std::move(received));
-      } else {
-        ++*dropped;  // closed as `received` goes out of scope
+    if (room > 0) {
+      for (cmsghdr* c = CMSG_FIRSTHDR(&message); c; c = CMSG_NXTHDR(&message, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;
+        std::size_t count = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (std::size_t i = 0; i < count; ++i) {
+          int received;
+          std::memcpy(&received, CMSG_DATA(c) + i * sizeof(int), sizeof(int));
+          if (fds->size() < maxFds) {
+            fds->emplace_back(received);
+          } else {
+            ::close(received);
+            ++*dropped;
+          }
+        }
       }
     }
     if (n == 0 && size > 0) return IoStatus::Closed;
@@ -227,11 +197,11 @@ IoStatus receiveBounded(int fd, std::uint8_t* buffer, std::size_t size, std::siz
 }
 
 IoStatus receiveExactly(int fd, std::uint8_t* buffer, std::size_t size, Deadline deadline,
-                        std::vector<UniqueFd>* fds) {
+                        std::vector<UniqueFd>* fds, std::size_t maxFds, std::size_t* dropped) {
   std::size_t have = 0;
   while (have < size) {
     std::size_t got = 0;
-    IoStatus status = receiveAvailable(fd, buffer + have, size - have, &got, fds);
+    IoStatus status = receiveBounded(fd, buffer + have, size - have, &got, fds, maxFds, dropped);
     if (status != IoStatus::Ok) return status;
     if (got == 0) {
       if (deadline.pollTimeout() == 0 || !waitFor(fd, POLLIN, deadline)) {

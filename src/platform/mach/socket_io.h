@@ -57,23 +57,20 @@ IoStatus connectUnix(const std::string& path, Deadline deadline, UniqueFd* out);
 // Writes every byte of iov (the fds go with the first byte). Closed: the peer went away.
 IoStatus sendAll(int fd, std::span<const iovec> iov, std::span<const int> fds, Deadline deadline);
 
-// Reads exactly `size` bytes into buffer. Descriptors that arrive are appended to fds (if null,
-// they are closed). Closed: end of stream (or reset) before size bytes.
-IoStatus receiveExactly(int fd, std::uint8_t* buffer, std::size_t size, Deadline deadline,
-                        std::vector<UniqueFd>* fds);
-
-// One non-blocking read of up to size bytes: *got is 0 with Ok when nothing is there yet.
-// Closed at end of stream.
-IoStatus receiveAvailable(int fd, std::uint8_t* buffer, std::size_t size, std::size_t* got,
-                          std::vector<UniqueFd>* fds);
-
-// receiveAvailable for a server that must bound what a peer can hand it: the control buffer has
-// room for at most kMaxRightsPerRead descriptors, and no more than maxFds descriptors are kept in
-// *fds in all. Descriptors past that are closed at once, and so are those the kernel dropped for
-// want of room (MSG_CTRUNC); *dropped grows by their number (by one at least for a truncated
-// read, whose count is unknown). Received descriptors are close-on-exec.
-inline constexpr std::size_t kMaxRightsPerRead = 4;
+// One non-blocking read of up to size bytes, for either end of a connection, bounding what the
+// peer can hand over: *got is 0 with Ok when nothing is there yet; Closed at end of stream.
+// Descriptors that arrive are appended to *fds (close-on-exec), never more than maxFds in all:
+// the control buffer only has room for what may still be kept (at most kMaxRightsPerRead a
+// read), so the kernel discards the rest before they reach the descriptor table. *dropped grows
+// by the number discarded or closed (by one at least for a truncated read, whose count is
+// unknown); a frame with dropped descriptors is short of those it was sent with.
+inline constexpr std::size_t kMaxRightsPerRead = 16;
 IoStatus receiveBounded(int fd, std::uint8_t* buffer, std::size_t size, std::size_t* got,
+                        std::vector<UniqueFd>* fds, std::size_t maxFds, std::size_t* dropped);
+
+// Reads exactly `size` bytes into buffer, waiting until the deadline, with receiveBounded's
+// bounds on descriptors. Closed: end of stream (or reset) before size bytes.
+IoStatus receiveExactly(int fd, std::uint8_t* buffer, std::size_t size, Deadline deadline,
                         std::vector<UniqueFd>* fds, std::size_t maxFds, std::size_t* dropped);
 
 }  // namespace gw::mach
