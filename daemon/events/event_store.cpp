@@ -202,16 +202,15 @@ long long EventStore::prune(double unixTime) {
   return execute("COMMIT") ? removed : -1;
 }
 
-bool EventStore::readFields(std::int64_t id, std::map<std::string, plist::Value>* fields) {
-  Statement q(db_, "SELECT name, value, type FROM event_fields WHERE event_id = ?");
-  if (!q) return false;
-  sqlite3_bind_int64(q.get(), 1, id);
+bool EventStore::readFields(sqlite3_stmt* q, std::int64_t id,
+                            std::map<std::string, plist::Value>* fields) {
+  sqlite3_reset(q);
+  sqlite3_bind_int64(q, 1, id);
   int step;
-  while ((step = sqlite3_step(q.get())) == SQLITE_ROW) {
-    const unsigned char* name = sqlite3_column_text(q.get(), 0);
+  while ((step = sqlite3_step(q)) == SQLITE_ROW) {
+    const unsigned char* name = sqlite3_column_text(q, 0);
     if (!name) continue;
-    fields->emplace(reinterpret_cast<const char*>(name),
-                    readField(q.get(), 1, sqlite3_column_int(q.get(), 2)));
+    fields->emplace(reinterpret_cast<const char*>(name), readField(q, 1, sqlite3_column_int(q, 2)));
   }
   return step == SQLITE_DONE;
 }
@@ -238,14 +237,15 @@ EventStore::Result EventStore::query(const Query& query) {
   sqlite3_progress_handler(db_, 1000, checkDeadline, &deadline);
   {
     Statement q(db_, sql);
-    if (!q) {
+    Statement fieldsOf(db_, "SELECT name, value, type FROM event_fields WHERE event_id = ?");
+    if (!q || !fieldsOf) {
       result.error = sqlite3_errmsg(db_);
     } else {
       for (std::size_t i = 0; i < params.size(); ++i) bindValue(q.get(), int(i + 1), params[i]);
       int step;
       while ((step = sqlite3_step(q.get())) == SQLITE_ROW) {
         std::map<std::string, plist::Value> fields;
-        if (!readFields(sqlite3_column_int64(q.get(), 0), &fields)) {
+        if (!readFields(fieldsOf.get(), sqlite3_column_int64(q.get(), 0), &fields)) {
           step = SQLITE_INTERRUPT;
           break;
         }

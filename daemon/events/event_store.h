@@ -64,7 +64,8 @@ class EventStore {
  private:
   explicit EventStore(sqlite3* db) : db_(db) {}
   bool execute(const char* sql);
-  bool readFields(std::int64_t id, std::map<std::string, plist::Value>* fields);
+  bool readFields(sqlite3_stmt* statement, std::int64_t id,
+                  std::map<std::string, plist::Value>* fields);
   sqlite3* db_;
 };
 
