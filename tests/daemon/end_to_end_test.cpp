@@ -223,13 +223,6 @@ TEST_F(DaemonEndToEndTest, CurfewStartsWithWarningsThenTheEndAlertAndAction) {
   });
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(waitForLog("uid 4202 asked _GWMIGUserCanLogin about uid 4201"));
-
-  // The launch routines are served: root, asking without naming a user, has no restrictions.
-  mach_port_t port = 0;
-  ASSERT_EQ(bootstrap_look_up(bootstrap_port, "com.morvane.gatewise", &port), 0);
-  std::int32_t result = -1;
-  EXPECT_EQ(_GWMIGHasAppLaunchRestrictions(port, 5000, 0, &result), 0);
-  EXPECT_EQ(result, 0);
 }
 
 TEST_F(DaemonEndToEndTest, AllowanceUsedUpOverTwoSessionsAGrantAndANewDay) {
