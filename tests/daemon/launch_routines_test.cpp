@@ -7,6 +7,7 @@
 #include <gatewise/status.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,6 +64,14 @@ TEST(LaunchRoutinesTest, ALauncherIsAnsweredAboutItsOwnUserAndItsRefusalsAreShow
                {"whiteList", Value::newArray({Value::newDictionary({{"path", editor}})})}}),
           gw::plist::Format::XML));
 
+  // A serving manager blocks the termination signals for its loop; the programs that later tests
+  // start would inherit that mask, so it is put back when this test ends.
+  sigset_t previousMask;
+  ::sigprocmask(SIG_BLOCK, nullptr, &previousMask);
+  struct RestoreMask {
+    sigset_t mask;
+    ~RestoreMask() { ::sigprocmask(SIG_SETMASK, &mask, nullptr); }
+  } restoreMask{previousMask};
   gw::daemon::ManagerOptions options;
   options.socketPath = gw::ipc::serviceSocketPathFor(gw::ipc::Service::Daemon);
   options.databasePath = gw::daemon::defaultUsageDatabasePath();
