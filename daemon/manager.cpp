@@ -5,6 +5,7 @@
 #include <gatewise/log.h>
 #include <gatewise/notifications.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -184,7 +185,7 @@ void Manager::sessionsChanged(uid_t uid) {
   plist::Date now = options_.clock->wallNow();
   book(*user, now, limits_.limitFor(user->name));
   UserSessions s = monitor_ ? monitor_->sessionsOf(uid) : UserSessions{};
-  events_->sessionsChanged(uid, s, now);
+  if (isManaged(uid)) events_->sessionsChanged(uid, s, now);
   if (s.counting && !user->counting) {
     user->countingSince = now;
     user->monotonicSince = options_.clock->monotonicMicroseconds();
@@ -338,8 +339,21 @@ void Manager::endTime(User& user, const Decision& decision) {
 }
 
 void Manager::recordEvent(Event event) {
+  // Only managed users' lives are recorded: a parent's own browsing or logins are nobody's record.
+  if (!isManaged(event.uid)) return;
   if (event.time == 0) event.time = options_.clock->wallNow().unixTime();
   events_->record(event);
+}
+
+bool Manager::isManaged(uid_t uid) const {
+  if (uid == 0) return false;
+  auto it = users_.find(uid);
+  std::optional<std::string> name =
+      it != users_.end() ? std::optional<std::string>(it->second.name) : GetUserShortNameForUID(uid);
+  if (!name) return false;
+  std::optional<std::string> folder = GWManagedPreferencesFolderForUser(*name);
+  struct stat st {};
+  return folder && ::lstat(folder->c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 void Manager::refresh() {

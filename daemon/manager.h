@@ -85,8 +85,11 @@ class Manager {
   void listeningStatusChanged();
   // Rate limit of what one peer may make the daemon do.
   bool allowPeer(uid_t peer);
-  // Keeps an event for the administrator (logged when it cannot).
+  // Keeps an event of a managed user for the administrator (logged when it cannot); events of
+  // root and of users without managed preferences are not kept.
   void recordEvent(Event event);
+  // Whether uid has a managed-preferences folder.
+  bool isManaged(uid_t uid) const;
   // The recorded events and the proxies clients query them through.
   EventService& events() { return *events_; }
   // The users' mail white lists and chat logs.
