@@ -66,6 +66,8 @@ bool Manager::start(std::string* error) {
   if (r < 0) return failed("timer", r);
   sd_event_source_set_enabled(timer_, SD_EVENT_OFF);
   watchClockChanges();
+  apps_ = std::make_unique<AppLaunches>(*this);
+  if (options_.serve) apps_->enforceIfConfigured();
 
   if (options_.serve) {
     sigset_t mask;
@@ -448,12 +450,13 @@ Decision Manager::loginDecision(uid_t uid) {
 }
 
 std::vector<StatusItemInfo> Manager::statusItems(uid_t uid) {
-  User* user = userFor(uid);
-  if (!user) return {};
-  const ComputerLimit* limit = limits_.limitFor(user->name);
-  if (!limit) return {};
+  std::vector<StatusItemInfo> items;
   plist::Date now = options_.clock->wallNow();
-  return statusItemsAt(loginDecision(uid), now, limit->name);
+  User* user = userFor(uid);
+  const ComputerLimit* limit = user ? limits_.limitFor(user->name) : nullptr;
+  if (limit) items = statusItemsAt(loginDecision(uid), now, limit->name);
+  apps_->addStatusItems(uid, now, items);
+  return items;
 }
 
 void Manager::rereadOverrides(uid_t uid) {
@@ -462,6 +465,11 @@ void Manager::rereadOverrides(uid_t uid) {
     update(*user, options_.clock->wallNow());
     armTimer();
   }
+}
+
+MailStore& Manager::mail() {
+  if (!mail_) mail_ = std::make_unique<MailStore>();
+  return *mail_;
 }
 
 void Manager::rereadSettings(uid_t uid) {

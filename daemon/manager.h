@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon/apps/app_launches.h"
 #include "daemon/clock.h"
 #include "daemon/decision/login_decision.h"
 #include "daemon/enforce/session_actions.h"
@@ -30,6 +31,7 @@
 #include "daemon/limits/computer_limit.h"
 #include "daemon/limits/overrides_file.h"
 #include "daemon/limits/settings_watch.h"
+#include "daemon/mail/mail_store.h"
 #include "daemon/rate_limiter.h"
 #include "daemon/sessions/session_monitor.h"
 #include "daemon/status_item_info.h"
@@ -83,6 +85,10 @@ class Manager {
   bool allowPeer(uid_t peer);
   // Keeps an event for the administrator (logged when it cannot).
   void recordEvent(Event event);
+  // The users' mail white lists and chat logs.
+  MailStore& mail();
+  // Launch decisions, refused launches and their enforcement.
+  AppLaunches& apps() { return *apps_; }
 
   // Brings every tracked user up to date and re-arms the timer (the timer's own work).
   void refresh();
@@ -146,12 +152,14 @@ class Manager {
   std::unique_ptr<SessionActions> actions_;
   ipc::Dispatcher dispatcher_{ipc::Service::Daemon};
   std::unique_ptr<ipc::MessageServer> server_;
+  std::unique_ptr<AppLaunches> apps_;
   ComputerLimitCache limits_;
   OverridesCache overrides_;
   SettingsWatch settingsWatch_;
   std::optional<std::uint64_t> watchReadFor_;  // the server's read generation it was last read in
   RateLimiter<uid_t> peerLimiter_{20, 120};
   std::map<uid_t, User> users_;
+  std::unique_ptr<MailStore> mail_;
   std::map<uid_t, int> actionsTaken_;
   std::optional<plist::Date> wakeAt_;
   std::optional<std::uint64_t> nextFlush_;  // monotonic microseconds

@@ -34,8 +34,8 @@ std::vector<StatusItemInfo> statusItemsAt(const Decision& decision, plist::Date 
 std::vector<std::uint8_t> encodeStatusItems(const std::vector<StatusItemInfo>& items) {
   auto array = plist::Array::make();
   for (const StatusItemInfo& info : items) {
-    GWStatusItemRef item =
-        GWStatusItem::initWithName(info.itemName, std::string(kGWItemKindComputer), info.expires);
+    std::string kind = info.itemKind.empty() ? std::string(kGWItemKindComputer) : info.itemKind;
+    GWStatusItemRef item = GWStatusItem::initWithName(info.itemName, kind, info.expires);
     item->setItemID(info.itemID);
     item->setStatusKind(info.statusKind);
     item->setItemCreationDate(info.created);

@@ -21,6 +21,7 @@ struct StatusItemInfo {
   std::string itemName;
   plist::Date created;
   plist::Date expires;
+  std::string itemKind = "";  // "" for the computer item
 };
 
 // The latest warning that is due (one at most), or the end alert once the time has ended.

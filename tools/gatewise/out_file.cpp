@@ -9,11 +9,11 @@
 
 namespace gwcli {
 
-bool writeOutFile(const std::string& path, std::string_view bytes) {
+bool writeOutFile(const std::string& path, std::string_view bytes, mode_t mode) {
   std::string temporary = path + ".XXXXXX";
   int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
   if (fd < 0) return false;
-  bool ok = ::fchmod(fd, 0644) == 0;
+  bool ok = ::fchmod(fd, mode) == 0;
   for (std::size_t done = 0; ok && done < bytes.size();) {
     ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR) continue;

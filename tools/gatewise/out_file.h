@@ -6,11 +6,14 @@
 // is left behind.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 
 namespace gwcli {
 
-bool writeOutFile(const std::string& path, std::string_view bytes);
+// The new file gets mode (0644 unless asked otherwise).
+bool writeOutFile(const std::string& path, std::string_view bytes, mode_t mode = 0644);
 
 }  // namespace gwcli

@@ -1,5 +1,6 @@
 // Detached signatures: finding one in the managed white list, telling whether a program needs
 // one, and announcing one to the daemon.
+#include <gatewise/bundle_info.h>
 #include <gatewise/core.h>
 #include <gatewise/ipc.h>
 #include <gatewise/log.h>
@@ -19,8 +20,8 @@ constexpr char kApplicationAccessDomain[] = "com.morvane.applicationaccess.new";
 
 std::optional<gw::plist::Data> GWCopyDetachedSignature(const std::string& path,
                                                        const std::string& userName) try {
-  std::string bundleID = gw::signing::signingIdentifier(path);
-  if (bundleID.empty()) {
+  std::optional<std::string> bundleID = GWCopyBundleIDFudgingIfNecessary(path, std::nullopt);
+  if (!bundleID) {
     GW_LOG(0, "*** GWCopyDetachedSignature: couldn't get bundle ID for path %@", path);
     return std::nullopt;
   }
@@ -36,7 +37,7 @@ std::optional<gw::plist::Data> GWCopyDetachedSignature(const std::string& path,
     const gw::plist::Value& entry = (*entries)[i];
     if (!entry.isDictionary()) continue;
     const gw::plist::Value& entryID = entry.dictionary()->get("bundleID");
-    if (!entryID.isString() || entryID.string() != bundleID) continue;
+    if (!entryID.isString() || entryID.string() != *bundleID) continue;
     const gw::plist::Value& signature = entry.dictionary()->get("detachedSignature");
     if (!signature.isData()) return std::nullopt;
     return signature.data();

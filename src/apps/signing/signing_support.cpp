@@ -8,9 +8,7 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 
-#include "platform/bundle/bundle.h"
 #include "platform/codesign/signature_store.h"
 #include "platform/fs/file_io.h"
 #include "platform/fs/file_url.h"
@@ -21,26 +19,9 @@ namespace {
 
 constexpr std::size_t kMaxAnchorFileSize = 256 * 1024;
 
-std::string stemOf(const std::string& path) {
-  return std::filesystem::path(path).filename().replace_extension().string();
-}
-
 }  // namespace
 
 std::string pathOfURL(std::string_view url) { return fs::pathOfFileURL(url); }
-
-std::string signingIdentifier(const std::string& path) {
-  bundle::BundleRef bundle = bundle::Bundle::open(path);
-  if (bundle == nullptr || bundle->isBareFile())
-    bundle = bundle::Bundle::openWithExecutableIfLooksLikeBundle(path);
-  if (bundle != nullptr && !bundle->isBareFile()) {
-    if (auto identifier = bundle->bundleIdentifier()) return *identifier;
-    if (auto name = bundle->infoString("CFBundleName")) return "com.unknown." + *name;
-    if (auto executable = bundle->infoString("CFBundleExecutable"))
-      return "com.unknown." + *executable;
-  }
-  return "com.unknown." + stemOf(path);
-}
 
 std::optional<plist::Data> identityRecordOf(const std::string& path) {
   std::uint8_t* record = nullptr;

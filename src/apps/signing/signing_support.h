@@ -1,5 +1,5 @@
 // What the signing entry points share: the identity object behind GWSigningIdentityRef, a
-// program's signing identifier and identity record, the configured maker anchor, and the status
+// program's identity record, the configured maker anchor, and the status
 // codes written in the log lines.
 //
 // Everything here is thread-safe and throws nothing.
@@ -45,10 +45,6 @@ inline constexpr char kSigningCommonName[] = "Tutela Codesigning";
 
 // "file:///a%20b/C.app/" -> "/a b/C.app"; a plain path comes back as it is.
 std::string pathOfURL(std::string_view url);
-
-// The bundle identifier, else "com.unknown." and the bundle's name, executable name or file name
-// without extension (the fudging rules of bundle information; Linux files have no creator code).
-std::string signingIdentifier(const std::string& path);
 
 // The identity record of the file or folder at path; nullopt when it cannot be made.
 std::optional<plist::Data> identityRecordOf(const std::string& path);

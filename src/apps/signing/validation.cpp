@@ -1,5 +1,6 @@
 // Checking signatures: designated requirements, whether a program is signed (by the maker), and
 // static validation against a recorded requirement.
+#include <gatewise/bundle_info.h>
 #include <gatewise/log.h>
 
 #include <ctime>
@@ -10,6 +11,11 @@
 namespace {
 
 using namespace gw::signing;
+
+// A program is signed under its bundle identifier, or the one substituted for it.
+std::string signingIdentifier(const std::string& path) {
+  return GWCopyBundleIDFudgingIfNecessary(path, std::nullopt).value_or("");
+}
 namespace codesign = gw::codesign;
 
 // The path of a program given by path or URL (the URL wins).

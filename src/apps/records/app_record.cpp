@@ -1,6 +1,7 @@
 // The dictionary form of GWApp: conversion to and from the stored record and its key accessors.
 #include <gatewise/apps.h>
 #include <gatewise/format.h>
+#include <gatewise/log.h>
 
 namespace gw {
 
@@ -23,11 +24,9 @@ GWAppRef GWApp::initWithDictionary(const plist::Value& dictionary) {
 plist::DictionaryRef GWApp::plistRepresentation() const {
   plist::ArrayRef records = subApps();
   if (!records || records->empty()) return _dictionary;
-  // The copy is made without the sub-apps, so their live records never leave this object.
-  plist::Value held = _dictionary->get("subApps");
-  _dictionary->remove("subApps");
+  // The live sub-app records never leave this object: the copy carries their dictionary forms.
   auto copy = plist::mutableCopy(_dictionary).dictionary();
-  _dictionary->set("subApps", held);
+  copy->remove("subApps");
   auto forms = plist::Array::make();
   for (const plist::Value& element : *records) {
     auto record = element.ifObject<GWApp>();
@@ -44,10 +43,14 @@ plist::ArrayRef GWApp::subApps() const {
 }
 
 void GWApp::setSubApps(plist::ArrayRef subApps) {
-  if (subApps) {
-    _dictionary->set("subApps", std::move(subApps));
-  } else {
-    _dictionary->remove("subApps");
+  try {
+    if (subApps) {
+      _dictionary->set("subApps", std::move(subApps));
+    } else {
+      _dictionary->remove("subApps");
+    }
+  } catch (const std::exception& e) {
+    GW_LOG_CAUGHT(e);  // an immutable copy
   }
 }
 
@@ -67,10 +70,14 @@ std::optional<std::string> GWApp::string(const char* key) const {
 }
 
 void GWApp::setString(const char* key, std::optional<std::string> value) {
-  if (value) {
-    _dictionary->set(key, std::move(*value));
-  } else {
-    _dictionary->remove(key);
+  try {
+    if (value) {
+      _dictionary->set(key, std::move(*value));
+    } else {
+      _dictionary->remove(key);
+    }
+  } catch (const std::exception& e) {
+    GW_LOG_CAUGHT(e);  // an immutable copy
   }
 }
 
@@ -80,11 +87,25 @@ std::optional<plist::Data> GWApp::data(const char* key) const {
 }
 
 void GWApp::setData(const char* key, std::optional<plist::Data> value) {
-  if (value) {
-    _dictionary->set(key, std::move(*value));
-  } else {
-    _dictionary->remove(key);
+  try {
+    if (value) {
+      _dictionary->set(key, std::move(*value));
+    } else {
+      _dictionary->remove(key);
+    }
+  } catch (const std::exception& e) {
+    GW_LOG_CAUGHT(e);  // an immutable copy
   }
+}
+
+GWAppRef GWApp::copy() const {
+  auto dictionary = plist::mutableCopy(_dictionary).dictionary();
+  dictionary->makeImmutable();
+  return std::make_shared<GWApp>(std::move(dictionary));
+}
+
+GWAppRef GWApp::mutableCopy() const {
+  return std::make_shared<GWApp>(plist::mutableCopy(_dictionary).dictionary());
 }
 
 }  // namespace gw
