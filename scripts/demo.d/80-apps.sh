@@ -1,7 +1,9 @@
 # Sourced by scripts/demo.sh: $gatewise, $root, section() and run() are set.
 : "${root:?the demo sets root}"
 section "Applications: installed programs, records, nested executables and widgets"
-export XDG_DATA_HOME="$root/home/mia/.local/share" XDG_DATA_DIRS=/usr/share LANGUAGE=de
+# In a subshell, so that the settings below do not reach the later pieces.
+(
+export XDG_DATA_HOME="$root/home/mia/.local/share" XDG_DATA_DIRS=/usr/share LANGUAGE=de PATH=/usr/bin:/bin
 mkdir -p "$root/usr/bin" "$root/usr/share/applications"
 cp /bin/true "$root/usr/bin/notes"
 printf '[Desktop Entry]\nType=Application\nName=Notes\nName[de]=Notizen\nExec=notes %%F\n' \
@@ -17,7 +19,7 @@ for program in MacOS/Suite Helpers/convert Helpers/Agent.app/Contents/MacOS/Agen
   cp /bin/true "$suite/Contents/$program"
 done
 printf '# desktop entries (localized names) and bundles; the entry without Exec is skipped\n'
-PATH=/usr/bin:/bin run apps list
+run apps list
 printf '# nested executables: the bundle'"'"'s own one is left out\n'
 run apps nested "$suite"
 run apps record "$suite"
@@ -32,4 +34,4 @@ mv "$root/Library/Widgets/Clock.wdgt" "$root/Library/Widgets/Uhr.wdgt"
 printf 'any\n' >"$root/Library/Widgets/Uhr.wdgt/identity"
 printf '# renamed, with an identity file: the same identifier\n'
 run widgets id "$root/Library/Widgets/Uhr.wdgt"
-unset XDG_DATA_HOME XDG_DATA_DIRS LANGUAGE
+)

@@ -2,6 +2,7 @@
 // program look-up, and entries that must be skipped without harm.
 #include <gatewise/apps.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
@@ -9,6 +10,7 @@
 #include "apps/apps_fixtures.h"
 #include "platform/apps/desktop_entry.h"
 #include "support/log_capture.h"
+#include "support/process.h"
 
 namespace {
 
@@ -113,6 +115,27 @@ TEST_F(InstalledAppsTest, BrokenEntriesAreSkippedWithALogLine) {
         "j-out.desktop: a symbolic link leads out", "k-fifo.desktop"})
     EXPECT_TRUE(log.contains(reason)) << reason;
   EXPECT_FALSE(log.contains("f-link.desktop")) << "a link entry is simply not a program";
+}
+
+TEST_F(InstalledAppsTest, UnreadableFoldersAreSkippedAndTheRestListed) {
+  root_.writeFile("/usr/share/applications/locked/secret.desktop", entry("Secret", "edit"));
+  root_.writeFile("/usr/share/applications/open.desktop", entry("Open", "edit"));
+  root_.makeFolder("/Applications/Locked/Hidden.app");
+  ASSERT_EQ(::chmod(root_.path().c_str(), 0755), 0);
+  ASSERT_EQ(::chmod(root_.at("/usr/share/applications/locked").c_str(), 0), 0);
+  ASSERT_EQ(::chmod(root_.at("/Applications/Locked").c_str(), 0), 0);
+  int status = gwtest::runInChild([&] {
+    if (!gwtest::dropToUnprivilegedUser()) return 10;
+    gwtest::LogCapture log(1);
+    auto apps = installed();
+    if (apps.size() != 1 || apps.begin()->second.name != "Open") return 1;
+    if (!log.contains("*** Couldn't read " + root_.at("/usr/share/applications/locked"))) return 2;
+    if (!log.contains("*** Couldn't read " + root_.at("/Applications/Locked"))) return 3;
+    return 0;
+  });
+  EXPECT_EQ(status, 0);
+  ::chmod(root_.at("/usr/share/applications/locked").c_str(), 0755);
+  ::chmod(root_.at("/Applications/Locked").c_str(), 0755);
 }
 
 TEST_F(InstalledAppsTest, BundlesUnderApplicationsButNotTheTrashOrTheSystem) {

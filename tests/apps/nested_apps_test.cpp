@@ -107,6 +107,16 @@ TEST_F(NestedAppsTest, DeepestFirstWithoutTheBundlesOwnExecutableOrLinks) {
   EXPECT_FALSE(plain->subApps()) << "no sub-apps stored when none were found";
 }
 
+TEST_F(NestedAppsTest, AbsurdlyDeepFoldersEndTheWalkThere) {
+  std::string deep = "/Deep.app";
+  for (int level = 0; level < 70; ++level) deep += "/d";
+  appstest::writeProgram(root_, deep + "/tool", machHeader(2));
+  std::string shallow = appstest::writeProgram(root_, "/Deep.app/d/d/tool", machHeader(2));
+  gwtest::LogCapture log(1);
+  EXPECT_EQ(GWGetAppPathsAtPath(root_.at("/Deep.app")), std::vector<std::string>{shallow});
+  EXPECT_TRUE(log.contains("*** Folders nest too deep at"));
+}
+
 TEST_F(NestedAppsTest, OlderWalkerTakesExtensionlessFilesWithAnExecuteBit) {
   std::string a = appstest::writeProgram(root_, "/Old/bin/a", {'x'});
   appstest::writeProgram(root_, "/Old/bin/b.sh", {'x'});

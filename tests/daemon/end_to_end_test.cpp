@@ -223,12 +223,6 @@ TEST_F(DaemonEndToEndTest, CurfewStartsWithWarningsThenTheEndAlertAndAction) {
   });
   EXPECT_EQ(status, 0);
   EXPECT_TRUE(waitForLog("uid 4202 asked _GWMIGUserCanLogin about uid 4201"));
-
-  // Routines of subsystems the daemon does not serve yet are refused as unknown.
-  mach_port_t port = 0;
-  ASSERT_EQ(bootstrap_look_up(bootstrap_port, "com.morvane.gatewise", &port), 0);
-  std::int32_t result = 0;
-  EXPECT_EQ(_GWMIGHasAppLaunchRestrictions(port, 5000, 0, &result), -303);
 }
 
 TEST_F(DaemonEndToEndTest, AllowanceUsedUpOverTwoSessionsAGrantAndANewDay) {

@@ -7,7 +7,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "platform/fs/unique_fd.h"
 #include "support/temp_root.h"
@@ -155,6 +157,25 @@ TEST_F(ContentFilterTest, ListsLoadOnceAndOnlyWhenBothAreThere) {
   writeLists(strings({"http://games.example"}), strings({}));
   EXPECT_EQ(GWCopyContentEvaluation(Value(), pageMeta("http://games.example/")),
             Value::newDictionary({{kWFFilterWantsToBlockKey, true}}));
+}
+
+TEST_F(ContentFilterTest, ThreadsRacingToLoadTheListsAllGetTheirVerdicts) {
+  writeLists(strings({"http://school.example/"}), strings({"http://games.example"}));
+  StderrCapture capture;
+  std::atomic<int> right{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&right, i] {
+      bool games = i % 2 == 0;
+      Value verdict = GWCopyContentEvaluation(
+          Value(), pageMeta(games ? "http://games.example/" : "http://school.example/"));
+      if (verdict == Value::newDictionary({{kWFFilterWantsToBlockKey, games}})) ++right;
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(right.load(), 8);
+  // No thread found a list half loaded and went on to the (absent) service.
+  EXPECT_EQ(capture.text().find("GWCopyContentEvaluation:"), std::string::npos);
 }
 
 TEST_F(ContentFilterTest, PreferenceReadFailuresEachWriteTheirLine) {

@@ -18,8 +18,9 @@ constexpr std::array<std::string_view, 8> kPackageExtensions = {
 
 bool endsWithIgnoringCase(std::string_view text, std::string_view suffix) {
   if (text.size() <= suffix.size()) return false;
-  return std::equal(suffix.begin(), suffix.end(), text.end() - suffix.size(),
-                    [](char a, char b) { return std::tolower(a) == std::tolower(b); });
+  return std::equal(
+      suffix.begin(), suffix.end(), text.end() - suffix.size(),
+      [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
 }
 
 std::string_view lastComponent(std::string_view path) {
