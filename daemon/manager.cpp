@@ -307,9 +307,13 @@ std::optional<Decision> Manager::reusableDecision(const User& user, plist::Date 
       kLongestReuseMicroseconds) {
     return std::nullopt;
   }
-  if (settingsWatch_.changed() || *user.decidedGeneration != settingsWatch_.generation()) {
-    return std::nullopt;
+  // One look at the watch per read generation of the server does: every request of a generation
+  // was read whole before the first of them is handled, so after every change made before it.
+  if (!server_ || watchReadFor_ != server_->readGeneration()) {
+    settingsWatch_.changed();
+    if (server_) watchReadFor_ = server_->readGeneration();
   }
+  if (*user.decidedGeneration != settingsWatch_.generation()) return std::nullopt;
   // A refusal lasts until a fixed moment, a curfew cuts use off at one, no limit has no end: the
   // same answer at any moment before the wake. Time left to an allowance counts from now.
   const Decision& last = *user.decision;

@@ -164,6 +164,7 @@ class Manager {
   ComputerLimitCache limits_;
   OverridesCache overrides_;
   SettingsWatch settingsWatch_;
+  std::optional<std::uint64_t> watchReadFor_;  // the server's read generation it was last read in
   RateLimiter<uid_t> peerLimiter_{20, 120};
   std::map<uid_t, User> users_;
   std::unique_ptr<MailStore> mail_;
