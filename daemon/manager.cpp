@@ -5,6 +5,7 @@
 #include <gatewise/log.h>
 #include <gatewise/notifications.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -61,6 +62,10 @@ bool Manager::start(std::string* error) {
   std::unique_ptr<UsageStore> store = UsageStore::open(options_.databasePath, error);
   if (!store) return false;
   ledger_ = std::make_unique<UsageLedger>(std::move(store));
+  std::string eventsError;
+  std::unique_ptr<EventStore> eventStore = EventStore::open(options_.databasePath, &eventsError);
+  if (!eventStore) GW_LOG(0, "*** No event store: %s", eventsError.c_str());
+  events_ = std::make_unique<EventService>(std::move(eventStore));
 
   r = sd_event_add_time(loop_, &timer_, CLOCK_MONOTONIC, UINT64_MAX, 0, &Manager::onTimer, this);
   if (r < 0) return failed("timer", r);
@@ -180,6 +185,7 @@ void Manager::sessionsChanged(uid_t uid) {
   plist::Date now = options_.clock->wallNow();
   book(*user, now, limits_.limitFor(user->name));
   UserSessions s = monitor_ ? monitor_->sessionsOf(uid) : UserSessions{};
+  if (isManaged(uid)) events_->sessionsChanged(uid, s, now);
   if (s.counting && !user->counting) {
     user->countingSince = now;
     user->monotonicSince = options_.clock->monotonicMicroseconds();
@@ -333,19 +339,28 @@ void Manager::endTime(User& user, const Decision& decision) {
 }
 
 void Manager::recordEvent(Event event) {
+  // Only managed users' lives are recorded: a parent's own browsing or logins are nobody's record.
+  if (!isManaged(event.uid)) return;
   if (event.time == 0) event.time = options_.clock->wallNow().unixTime();
-  std::string detail;
-  for (const auto& [name, value] : event.fields) {
-    if (!detail.empty()) detail += ' ';
-    detail += name + '=' + plist::description(value);
-  }
-  ledger_->store().recordEvent(event.uid, event.time, event.entity, detail);
+  events_->record(event);
+}
+
+bool Manager::isManaged(uid_t uid) const {
+  if (uid == 0) return false;
+  auto it = users_.find(uid);
+  std::optional<std::string> name =
+      it != users_.end() ? std::optional<std::string>(it->second.name) : GetUserShortNameForUID(uid);
+  if (!name) return false;
+  std::optional<std::string> folder = GWManagedPreferencesFolderForUser(*name);
+  struct stat st {};
+  return folder && ::lstat(folder->c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 void Manager::refresh() {
   plist::Date now = options_.clock->wallNow();
   for (auto& [uid, user] : users_) update(user, now);
   std::uint64_t monotonic = options_.clock->monotonicMicroseconds();
+  events_->maybePrune(now, monotonic);
   if (nextFlush_ && monotonic >= *nextFlush_) {
     ledger_->flush();
     nextFlush_.reset();
@@ -455,9 +470,12 @@ std::vector<StatusItemInfo> Manager::statusItems(uid_t uid) {
   return items;
 }
 
-void Manager::rereadOverrides(uid_t uid) {
+void Manager::rereadOverrides(uid_t uid, uid_t by) {
   if (User* user = userFor(uid)) {
     overrides_.forget(user->name);
+    plist::Date now = options_.clock->wallNow();
+    events_->overridesRead(uid, dayKeyOf(now), overrides_.grantFor(user->name, dayKeyOf(now)),
+                           GetUserShortNameForUID(by).value_or(std::to_string(by)), now);
     update(*user, options_.clock->wallNow());
     armTimer();
   }

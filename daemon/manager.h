@@ -28,6 +28,7 @@
 #include "daemon/decision/login_decision.h"
 #include "daemon/enforce/session_actions.h"
 #include "daemon/events/event.h"
+#include "daemon/events/event_service.h"
 #include "daemon/limits/computer_limit.h"
 #include "daemon/limits/overrides_file.h"
 #include "daemon/limits/settings_watch.h"
@@ -76,15 +77,21 @@ class Manager {
   // What the routines ask. uid is the user the question is about.
   Decision loginDecision(uid_t uid);
   std::vector<StatusItemInfo> statusItems(uid_t uid);
-  void rereadOverrides(uid_t uid);
+  // by: who asked (recorded with a grant that grew).
+  void rereadOverrides(uid_t uid, uid_t by = 0);
   void rereadSettings(uid_t uid);
   void saveUsage();
   void resetUsage(uid_t uid);
   void listeningStatusChanged();
   // Rate limit of what one peer may make the daemon do.
   bool allowPeer(uid_t peer);
-  // Keeps an event for the administrator (logged when it cannot).
+  // Keeps an event of a managed user for the administrator (logged when it cannot); events of
+  // root and of users without managed preferences are not kept.
   void recordEvent(Event event);
+  // Whether uid has a managed-preferences folder.
+  bool isManaged(uid_t uid) const;
+  // The recorded events and the proxies clients query them through.
+  EventService& events() { return *events_; }
   // The users' mail white lists and chat logs.
   MailStore& mail();
   // Launch decisions, refused launches and their enforcement.
@@ -148,6 +155,7 @@ class Manager {
   fs::UniqueFd clockFd_;
   std::vector<sd_event_source*> signals_;
   std::unique_ptr<UsageLedger> ledger_;
+  std::unique_ptr<EventService> events_;
   std::unique_ptr<SessionMonitor> monitor_;
   std::unique_ptr<SessionActions> actions_;
   ipc::Dispatcher dispatcher_{ipc::Service::Daemon};

@@ -30,7 +30,12 @@ uid_t subjectOf(const Request& request, Manager& manager) {
 namespace {
 
 Reply userCanLogin(Manager& m, const Request& r) {
-  Decision d = m.loginDecision(subjectOf(r, m));
+  uid_t subject = subjectOf(r, m);
+  Decision d = m.loginDecision(subject);
+  // Root asking is the login stack: a refusal there is a refused login.
+  if (r.peer.uid == 0 && !d.allowed()) {
+    m.events().loginRefused(subject, std::int32_t(d.reason), d.seconds(m.now()), m.now());
+  }
   Reply reply;
   reply.scalars = {d.seconds(m.now()), std::int32_t(d.reason)};
   return reply;
@@ -43,7 +48,7 @@ Reply getStatusItems(Manager& m, const Request& r) {
 }
 
 Reply readOverrides(Manager& m, const Request& r) {
-  if (m.allowPeer(r.peer.uid)) m.rereadOverrides(subjectOf(r, m));
+  if (m.allowPeer(r.peer.uid)) m.rereadOverrides(subjectOf(r, m), r.peer.uid);
   return {};
 }
 

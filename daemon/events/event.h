@@ -16,16 +16,16 @@
 namespace gw::daemon {
 
 // The entities, and the fields each one carries.
-inline constexpr std::string_view kEventLogin = "Login";                // session
-inline constexpr std::string_view kEventLogout = "Logout";              // session
+inline constexpr std::string_view kEventLogin = "Login";                    // session
+inline constexpr std::string_view kEventLogout = "Logout";                  // session
 inline constexpr std::string_view kEventCountedSession = "CountedSession";  // seconds
-inline constexpr std::string_view kEventRefusedLogin = "RefusedLogin";  // reason, seconds
-inline constexpr std::string_view kEventTimeEnded = "TimeEnded";        // reason, action
-inline constexpr std::string_view kEventOverride = "Override";          // limit, seconds, by
+inline constexpr std::string_view kEventRefusedLogin = "RefusedLogin";      // reason, seconds
+inline constexpr std::string_view kEventTimeEnded = "TimeEnded";            // reason, action
+inline constexpr std::string_view kEventOverride = "Override";              // limit, seconds, by
 inline constexpr std::string_view kEventBlockedLaunch = "BlockedLaunch";  // path, bundleID, reason
-inline constexpr std::string_view kEventVisitedPage = "VisitedPage";    // url, title
-inline constexpr std::string_view kEventBlockedPage = "BlockedPage";    // url, title, reason
-inline constexpr std::string_view kEventWebOverride = "WebOverride";    // url
+inline constexpr std::string_view kEventVisitedPage = "VisitedPage";      // url, title
+inline constexpr std::string_view kEventBlockedPage = "BlockedPage";      // url, title, reason
+inline constexpr std::string_view kEventWebOverride = "WebOverride";      // url
 
 struct Event {
   std::string entity;

@@ -121,18 +121,28 @@ bool UsageStore::prepareSchema(std::string* error) {
                     ? sqlite3_column_int(version.get(), 0)
                     : -1;
   if (current == kSchemaVersion) return true;
-  if (current != 0) {
+  if (current < 0 || current > kSchemaVersion) {
     if (error) *error = "unknown schema version " + std::to_string(current);
     return false;
   }
-  bool made = execute(
-      "BEGIN;"
+  // Each step takes the schema from one version to the next; all of them run in one transaction.
+  static constexpr const char* kSteps[] = {
+      // 0 -> 1: usage and the events the daemon acted on.
       "CREATE TABLE usage(uid INTEGER NOT NULL, day TEXT NOT NULL, used REAL NOT NULL,"
       " curfew_used REAL NOT NULL, PRIMARY KEY(uid, day)) WITHOUT ROWID;"
       "CREATE TABLE events(id INTEGER PRIMARY KEY, uid INTEGER NOT NULL, at REAL NOT NULL,"
-      " kind TEXT NOT NULL, detail TEXT NOT NULL);"
-      "PRAGMA user_version=1;"
-      "COMMIT;");
+      " kind TEXT NOT NULL, detail TEXT NOT NULL);",
+      // 1 -> 2: typed event fields, and indexes for queries by user and time, and by user, entity
+      // and time.
+      "CREATE TABLE event_fields(event_id INTEGER NOT NULL, name TEXT NOT NULL, value,"
+      " type INTEGER NOT NULL, PRIMARY KEY(event_id, name)) WITHOUT ROWID;"
+      "CREATE INDEX events_by_uid_time ON events(uid, at);"
+      "CREATE INDEX events_by_uid_kind_time ON events(uid, kind, at);",
+  };
+  std::string script = "BEGIN;";
+  for (int step = current; step < kSchemaVersion; ++step) script += kSteps[step];
+  script += "PRAGMA user_version=" + std::to_string(kSchemaVersion) + ";COMMIT;";
+  bool made = execute(script.c_str());
   if (!made) {
     execute("ROLLBACK");
     if (error) *error = sqlite3_errmsg(db_);

@@ -1,5 +1,7 @@
 // The daemon's memory across restarts: counted usage per user per local day, and the events it
-// acted on, in one SQLite database.
+// recorded, in one SQLite database. The schema (version 2) is made and migrated here; the event
+// store (daemon/events/event_store.h) reads and writes the events tables through its own
+// connection to the same file.
 //
 // The file lives in a root-only folder (0700; the file 0600) below the daemon's folder. It uses a
 // WAL journal, keeps its schema version in user_version, and does every write in one transaction,
@@ -31,7 +33,7 @@ struct UsageDelta {
 
 class UsageStore {
  public:
-  static constexpr int kSchemaVersion = 1;
+  static constexpr int kSchemaVersion = 2;
 
   // nullptr (with *error) when no database can be had at path, not even a fresh one.
   static std::unique_ptr<UsageStore> open(const std::string& path, std::string* error);
