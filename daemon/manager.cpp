@@ -5,6 +5,7 @@
 #include <gatewise/log.h>
 #include <gatewise/notifications.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/timerfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -184,7 +185,7 @@ void Manager::sessionsChanged(uid_t uid) {
   plist::Date now = options_.clock->wallNow();
   book(*user, now, limits_.limitFor(user->name));
   UserSessions s = monitor_ ? monitor_->sessionsOf(uid) : UserSessions{};
-  events_->sessionsChanged(uid, s, now);
+  if (isManaged(uid)) events_->sessionsChanged(uid, s, now);
   if (s.counting && !user->counting) {
     user->countingSince = now;
     user->monotonicSince = options_.clock->monotonicMicroseconds();
@@ -306,9 +307,13 @@ std::optional<Decision> Manager::reusableDecision(const User& user, plist::Date 
       kLongestReuseMicroseconds) {
     return std::nullopt;
   }
-  if (settingsWatch_.changed() || *user.decidedGeneration != settingsWatch_.generation()) {
-    return std::nullopt;
+  // One look at the watch per read generation of the server does: every request of a generation
+  // was read whole before the first of them is handled, so after every change made before it.
+  if (!server_ || watchReadFor_ != server_->readGeneration()) {
+    settingsWatch_.changed();
+    if (server_) watchReadFor_ = server_->readGeneration();
   }
+  if (*user.decidedGeneration != settingsWatch_.generation()) return std::nullopt;
   // A refusal lasts until a fixed moment, a curfew cuts use off at one, no limit has no end: the
   // same answer at any moment before the wake. Time left to an allowance counts from now.
   const Decision& last = *user.decision;
@@ -338,8 +343,21 @@ void Manager::endTime(User& user, const Decision& decision) {
 }
 
 void Manager::recordEvent(Event event) {
+  // Only managed users' lives are recorded: a parent's own browsing or logins are nobody's record.
+  if (!isManaged(event.uid)) return;
   if (event.time == 0) event.time = options_.clock->wallNow().unixTime();
   events_->record(event);
+}
+
+bool Manager::isManaged(uid_t uid) const {
+  if (uid == 0) return false;
+  auto it = users_.find(uid);
+  std::optional<std::string> name =
+      it != users_.end() ? std::optional<std::string>(it->second.name) : GetUserShortNameForUID(uid);
+  if (!name) return false;
+  std::optional<std::string> folder = GWManagedPreferencesFolderForUser(*name);
+  struct stat st {};
+  return folder && ::lstat(folder->c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 void Manager::refresh() {

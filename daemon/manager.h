@@ -85,8 +85,11 @@ class Manager {
   void listeningStatusChanged();
   // Rate limit of what one peer may make the daemon do.
   bool allowPeer(uid_t peer);
-  // Keeps an event for the administrator (logged when it cannot).
+  // Keeps an event of a managed user for the administrator (logged when it cannot); events of
+  // root and of users without managed preferences are not kept.
   void recordEvent(Event event);
+  // Whether uid has a managed-preferences folder.
+  bool isManaged(uid_t uid) const;
   // The recorded events and the proxies clients query them through.
   EventService& events() { return *events_; }
   // The users' mail white lists and chat logs.
@@ -161,6 +164,7 @@ class Manager {
   ComputerLimitCache limits_;
   OverridesCache overrides_;
   SettingsWatch settingsWatch_;
+  std::optional<std::uint64_t> watchReadFor_;  // the server's read generation it was last read in
   RateLimiter<uid_t> peerLimiter_{20, 120};
   std::map<uid_t, User> users_;
   std::unique_ptr<MailStore> mail_;

@@ -221,6 +221,21 @@ TEST_F(ManagerTest, WithNobodyManagedTheTimerStaysDisarmed) {
   EXPECT_FALSE(manager_->timerArmed());  // not even a flush: nothing to book
   EXPECT_EQ(manager_->loginDecision(kUid).reason, gw::kGWLoginAllowed);
   EXPECT_EQ(manager_->loginDecision(kUid).seconds(clock_->wallNow()), 0);
+
+  // Nor is anything recorded about a user nobody manages; once managed, their events are kept.
+  auto recorded = [this] {
+    gw::daemon::EventStore::Query q;
+    q.uid = kUid;
+    return manager_->events().store()->query(q).events.size();
+  };
+  gw::daemon::Event visit{std::string(gw::daemon::kEventVisitedPage), kUid, 0, {{"url", "a:"}}};
+  manager_->recordEvent(visit);
+  monitor_->set(kUid, false);
+  EXPECT_EQ(recorded(), 0u);
+  root_.makeFolder("/Library/Managed Preferences/" + name_);
+  manager_->recordEvent(visit);
+  monitor_->set(kUid, true);
+  EXPECT_EQ(recorded(), 2u);  // the visit and the login
 }
 
 }  // namespace

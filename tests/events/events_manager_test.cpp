@@ -11,11 +11,13 @@
 
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 #include "events/authorization.h"
 #include "events/managed_client_agent.h"
 #include "support/log_capture.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 #include "support/test_daemon.h"
 
@@ -200,6 +202,34 @@ TEST(ManagedClientAgentTest, StartsTheAgentWithTheUidFlagAsOneArgument) {
   std::stringstream text;
   text << in.rdbuf();
   EXPECT_EQ(text.str(), "[-u 501][-f]");
+}
+
+// The agent this project installs has the daemon reread the user's settings, then overrides.
+TEST(ManagedClientAgentTest, TheInstalledAgentHasTheDaemonRereadTheUser) {
+  gwtest::TempRoot root;
+  std::optional<gwtest::TestDaemon> daemon;
+  daemon.emplace();
+  std::string cli = GATEWISE_TEST_CLI;
+  std::string agent = cli.substr(0, cli.rfind('/')) + "/regentry";
+  ASSERT_EQ(::access(agent.c_str(), X_OK), 0) << agent;
+  root.makeFolder("/usr/libexec/gatewise");
+  ASSERT_EQ(::symlink(agent.c_str(), root.at("/usr/libexec/gatewise/regentry").c_str()), 0);
+  pid_t pid = gw::events::startManagedClientAgent(501);
+  ASSERT_GT(pid, 0);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  ASSERT_TRUE(daemon->waitForRequests(2));
+  auto got = daemon->received();
+  EXPECT_EQ(got[0].routine, "_GWMIGReadSettings");
+  EXPECT_EQ(got[1].routine, "_GWMIGReadOverrides");
+  EXPECT_EQ(got[0].integers[0], 501);
+
+  // Without a daemon it says so by its status; bad arguments get 2.
+  daemon.reset();
+  EXPECT_EQ(gwtest::runProgram({agent, "-u 501", "-f"}).status, 1);
+  EXPECT_EQ(gwtest::runProgram({agent, "-u", "x"}).status, 2);
+  EXPECT_EQ(gwtest::runProgram({agent, "-f"}).status, 2);
 }
 
 }  // namespace
