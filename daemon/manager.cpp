@@ -127,6 +127,13 @@ bool Manager::start(std::string* error) {
       }
     }
   }
+  auto wanted = [this](uid_t uid) { return users_.count(uid) != 0; };
+  auto changed = [this](uid_t uid) { programsChanged(uid); };
+  programWatch_ = options_.serve && options_.watchPrograms
+                      ? ProgramWatch::start(loop_, wanted, changed)
+                      : std::make_unique<ProgramWatch>(wanted, changed);
+  programTimes_ = std::make_unique<ProgramTimes>(
+      *programWatch_, options_.signalProgram ? options_.signalProgram : signalProgram);
   refresh();
   return true;
 }
@@ -182,6 +189,9 @@ void Manager::trackManagedUsers() {
     if (uid != 0xFFFFFFFF) userFor(uid_t(uid));
   }
   ::closedir(dir);
+  // The programs of users tracked from now on were not followed so far.
+  if (programWatch_ && users_.size() != programsFollowedFor_) programWatch_->rescan();
+  programsFollowedFor_ = users_.size();
 }
 
 void Manager::sessionsChanged(uid_t uid) {
@@ -200,6 +210,13 @@ void Manager::sessionsChanged(uid_t uid) {
   GW_LOG(1, "Sessions of %s changed: %s", user->name.c_str(),
          s.counting ? "counting" : (s.loggedIn ? "idle" : "logged out"));
   update(*user, now);
+  armTimer();
+}
+
+void Manager::programsChanged(uid_t uid) {
+  auto it = users_.find(uid);
+  if (it == users_.end()) return;
+  update(it->second, options_.clock->wallNow());
   armTimer();
 }
 
@@ -292,6 +309,7 @@ Decision Manager::update(User& user, plist::Date now) {
       consider(startOfNextDay(now));
     }
   }
+  if (programTimes_) consider(programTimes_->update(user.uid, user.name, user.counting, now));
   if (wake && !(*wake > now)) wake = plus(now, 1);
   user.wakeAt = wake;
   user.decision = decision;
@@ -357,8 +375,8 @@ void Manager::recordEvent(Event event) {
 bool Manager::isManaged(uid_t uid) const {
   if (uid == 0) return false;
   auto it = users_.find(uid);
-  std::optional<std::string> name =
-      it != users_.end() ? std::optional<std::string>(it->second.name) : GetUserShortNameForUID(uid);
+  std::optional<std::string> name = it != users_.end() ? std::optional<std::string>(it->second.name)
+                                                       : GetUserShortNameForUID(uid);
   if (!name) return false;
   std::optional<std::string> folder = GWManagedPreferencesFolderForUser(*name);
   struct stat st {};
@@ -476,6 +494,11 @@ std::vector<StatusItemInfo> Manager::statusItems(uid_t uid) {
   const ComputerLimit* limit = user ? limits_.limitFor(user->name) : nullptr;
   if (limit) items = statusItemsAt(loginDecision(uid), now, limit->name);
   apps_->addStatusItems(uid, now, items);
+  if (user) {
+    update(*user, now);  // the programs' state as of now
+    armTimer();
+    programTimes_->addStatusItems(uid, now, items);
+  }
   return items;
 }
 

@@ -34,6 +34,8 @@
 #include "daemon/limits/overrides_file.h"
 #include "daemon/limits/settings_watch.h"
 #include "daemon/mail/mail_store.h"
+#include "daemon/programs/program_times.h"
+#include "daemon/programs/program_watch.h"
 #include "daemon/rate_limiter.h"
 #include "daemon/sessions/session_monitor.h"
 #include "daemon/status_item_info.h"
@@ -61,6 +63,10 @@ struct ManagerOptions {
   std::function<void(const std::string& userName)> postLoginStatusChanged;
   // false: no message server and no system bus (unit tests drive the manager directly).
   bool serve = true;
+  // Follows the managed users' programs through the kernel's process events (serve only).
+  bool watchPrograms = true;
+  // Signals a limited program's process; by default signalProgram (tests record instead).
+  ProgramTimes::Signal signalProgram;
 };
 
 class Manager {
@@ -108,6 +114,9 @@ class Manager {
   int actionsTaken(uid_t uid) const;
   // Called on clock jumps: the time before the jump is booked by the monotonic clock.
   void clockJumped();
+  // The programs users run and the time they spend in limited ones.
+  ProgramWatch& programs() { return *programWatch_; }
+  ProgramTimes& programTimes() { return *programTimes_; }
 
  private:
   struct User {
@@ -134,6 +143,7 @@ class Manager {
   User* userFor(uid_t uid);
   void trackManagedUsers();
   void sessionsChanged(uid_t uid);
+  void programsChanged(uid_t uid);
   void book(User& user, plist::Date now, const ComputerLimit* limit);
   Decision decisionFor(User& user, const ComputerLimit* limit, plist::Date now);
   // Books, decides, notifies and acts for one user; the decision it made.
@@ -163,6 +173,9 @@ class Manager {
   ipc::Dispatcher dispatcher_{ipc::Service::Daemon};
   std::unique_ptr<ipc::MessageServer> server_;
   std::unique_ptr<AppLaunches> apps_;
+  std::unique_ptr<ProgramWatch> programWatch_;
+  std::unique_ptr<ProgramTimes> programTimes_;
+  std::size_t programsFollowedFor_ = 0;  // users_.size() when the watch last read /proc
   ComputerLimitCache limits_;
   OverridesCache overrides_;
   SettingsWatch settingsWatch_;
