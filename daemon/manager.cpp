@@ -133,7 +133,8 @@ bool Manager::start(std::string* error) {
                       ? ProgramWatch::start(loop_, wanted, changed)
                       : std::make_unique<ProgramWatch>(wanted, changed);
   programTimes_ = std::make_unique<ProgramTimes>(
-      *programWatch_, options_.signalProgram ? options_.signalProgram : signalProgram);
+      *programWatch_, options_.signalProgram ? options_.signalProgram : signalProgram,
+      &ledger_->store());
   refresh();
   return true;
 }
@@ -141,6 +142,10 @@ bool Manager::start(std::string* error) {
 Manager::~Manager() {
   plist::Date now = options_.clock->wallNow();
   for (auto& [uid, user] : users_) book(user, now, limits_.limitFor(user.name));
+  if (programTimes_) {
+    programTimes_->bookAll(now);
+    programTimes_->flush();
+  }
   if (ledger_) ledger_->flush();
   server_.reset();
   monitor_.reset();
@@ -160,6 +165,8 @@ int Manager::run() {
   sd_notify(0, "STOPPING=1");
   plist::Date now = options_.clock->wallNow();
   for (auto& [uid, user] : users_) book(user, now, limits_.limitFor(user.name));
+  programTimes_->bookAll(now);
+  programTimes_->flush();
   ledger_->flush();
   return r < 0 ? 1 : 0;
 }
@@ -390,6 +397,7 @@ void Manager::refresh() {
   events_->maybePrune(now, monotonic);
   if (nextFlush_ && monotonic >= *nextFlush_) {
     ledger_->flush();
+    programTimes_->flush();
     nextFlush_.reset();
   }
   armTimer();
@@ -406,6 +414,10 @@ void Manager::armTimer() {
   std::uint64_t monotonic = options_.clock->monotonicMicroseconds();
   // Flushes go by the monotonic clock: they must happen even when the wall clock stands still or
   // jumps.
+  if (programTimes_) {
+    anyoneCounting =
+        anyoneCounting || programTimes_->anyCounting() || programTimes_->hasUnflushed();
+  }
   if ((anyoneCounting || ledger_->hasUnflushed()) && !nextFlush_) {
     nextFlush_ = monotonic + kFlushIntervalMicroseconds;
   }
@@ -530,7 +542,8 @@ void Manager::rereadSettings(uid_t uid) {
 void Manager::saveUsage() {
   plist::Date now = options_.clock->wallNow();
   for (auto& [uid, user] : users_) book(user, now, limits_.limitFor(user.name));
-  if (ledger_->flush()) GW_LOG(1, "Usage saved");
+  programTimes_->bookAll(now);
+  if (ledger_->flush() && programTimes_->flush()) GW_LOG(1, "Usage saved");
 }
 
 void Manager::resetUsage(uid_t uid) {

@@ -73,7 +73,9 @@ void ProgramTimes::book(const Key& key, plist::Date from, plist::Date to,
     DayUsage& usage = usage_[{key.first, key.second, day}];
     usage.used += part.used;
     usage.curfewUsed += part.curfewUsed;
-    if (store_.add) store_.add(key.first, key.second, day, part);
+    DayUsage& pending = unflushed_[{key.first, key.second, day}];
+    pending.used += part.used;
+    pending.curfewUsed += part.curfewUsed;
     from = until;
   }
 }
@@ -82,10 +84,15 @@ DayUsage ProgramTimes::usageOn(uid_t uid, const std::string& item, const std::st
   DayKey key{uid, item, day};
   auto it = usage_.find(key);
   if (it != usage_.end()) return it->second;
-  if (usage_.size() >= kMaxUsageEntries) usage_.clear();  // the store still has it
-  DayUsage stored = store_.load ? store_.load(uid, item, day) : DayUsage{};
-  usage_[key] = stored;
-  return stored;
+  if (usage_.size() >= kMaxUsageEntries && store_ && flush()) usage_.clear();  // all stored
+  DayUsage total = store_ ? store_->programUsageOn(uid, item, day) : DayUsage{};
+  auto pending = unflushed_.find(key);
+  if (pending != unflushed_.end()) {
+    total.used += pending->second.used;
+    total.curfewUsed += pending->second.curfewUsed;
+  }
+  usage_[key] = total;
+  return total;
 }
 
 void ProgramTimes::signalAll(uid_t uid, const std::vector<RunningProgram>& programs, int signal) {
@@ -107,6 +114,7 @@ std::optional<plist::Date> ProgramTimes::update(uid_t uid, const std::string& us
     Tracked& t = tracked_[key];
     t.name = limit.limit.name;
     t.kind = limit.itemKind;
+    t.curfews = limit.limit.curfews;
     if (t.counting && now > t.since) book(key, t.since, now, limit.limit.curfews.get());
     t.since = now;  // also when the clock went back: nothing is counted twice
 
@@ -180,6 +188,25 @@ void ProgramTimes::addStatusItems(uid_t uid, plist::Date now,
       items.push_back(std::move(warning));
     }
   }
+}
+
+void ProgramTimes::bookAll(plist::Date now) {
+  for (auto& [key, t] : tracked_) {
+    if (t.counting && now > t.since) book(key, t.since, now, t.curfews.get());
+    t.since = now;
+  }
+}
+
+bool ProgramTimes::flush() {
+  if (unflushed_.empty()) return true;
+  if (!store_) return false;
+  std::vector<ProgramUsageDelta> deltas;
+  for (const auto& [key, usage] : unflushed_) {
+    deltas.push_back({std::get<0>(key), std::get<1>(key), std::get<2>(key), usage});
+  }
+  if (!store_->addProgramUsage(deltas)) return false;
+  unflushed_.clear();
+  return true;
 }
 
 bool ProgramTimes::anyCounting() const {

@@ -17,8 +17,8 @@
 // It returns the earliest moment at which any of that can change for the user, for the manager's
 // single timer; between updates nothing runs.
 //
-// Booked time is kept here (bounded to the last eight days) and written to the usage database by
-// the manager's flush when a store is attached. Loop thread only.
+// Booked time is read from the usage database once per user, item and day, kept here, and written
+// by flush() (the manager's 30-second flush). Loop thread only.
 #pragma once
 
 #include <sys/types.h>
@@ -35,6 +35,7 @@
 #include "daemon/programs/program_limits.h"
 #include "daemon/programs/program_watch.h"
 #include "daemon/status_item_info.h"
+#include "daemon/usage/usage_store.h"
 
 namespace gw::daemon {
 
@@ -48,25 +49,26 @@ bool signalProgram(pid_t pid, uid_t uid, const std::string& path, int signal);
 class ProgramTimes {
  public:
   using Signal = std::function<bool(pid_t, uid_t, const std::string& path, int signal)>;
-  // Where booked time is also kept (the usage database); loaded per user, item and day on first
-  // use and given every booked stretch.
-  struct Store {
-    std::function<DayUsage(uid_t, const std::string& item, const std::string& day)> load;
-    std::function<void(uid_t, const std::string& item, const std::string& day, DayUsage add)> add;
-  };
-
-  ProgramTimes(const ProgramWatch& watch, Signal signal = signalProgram, Store store = {})
-      : watch_(watch), signal_(std::move(signal)), store_(std::move(store)) {}
+  // store: where booked time is kept across restarts (nullptr: in memory only); it must outlive
+  // this object.
+  ProgramTimes(const ProgramWatch& watch, Signal signal = signalProgram,
+               UsageStore* store = nullptr)
+      : watch_(watch), signal_(std::move(signal)), store_(store) {}
 
   // Books, decides and acts for uid's program limits at now; the next moment to look again.
   std::optional<plist::Date> update(uid_t uid, const std::string& userName, bool sessionCounts,
                                     plist::Date now);
+  // Books the time of every counting item up to now (before a flush), nothing else.
+  void bookAll(plist::Date now);
   // Appends uid's program warnings and alerts at now (from the last update).
   void addStatusItems(uid_t uid, plist::Date now, std::vector<StatusItemInfo>& items) const;
   // Time booked for uid's item on day (tests and the flush).
   DayUsage usageOn(uid_t uid, const std::string& item, const std::string& day);
   // Whether any item of anyone is counting.
   bool anyCounting() const;
+  bool hasUnflushed() const { return !unflushed_.empty(); }
+  // Writes the time booked since the last flush (kept for the next one when that fails).
+  bool flush();
   ProgramLimitCache& limits() { return limits_; }
 
  private:
@@ -75,6 +77,7 @@ class ProgramTimes {
     bool counting = false;
     bool running = false;
     plist::Date since;
+    GWCurfewsRef curfews;  // the item's, as last read
     Decision decision;
     std::optional<plist::Date> endedAt;  // when the programs were told to quit
     GWLoginReason endReason = kGWLoginAllowed;
@@ -93,10 +96,11 @@ class ProgramTimes {
 
   const ProgramWatch& watch_;
   Signal signal_;
-  Store store_;
+  UsageStore* store_;
   ProgramLimitCache limits_;
   std::map<Key, Tracked> tracked_;
-  std::map<DayKey, DayUsage> usage_;
+  std::map<DayKey, DayUsage> usage_;  // stored and unflushed together
+  std::map<DayKey, DayUsage> unflushed_;
   std::map<std::string, ProgramBundle> bundles_;  // by program path
 };
 

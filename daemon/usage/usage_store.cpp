@@ -125,6 +125,11 @@ bool UsageStore::prepareSchema(std::string* error) {
       " type INTEGER NOT NULL, PRIMARY KEY(event_id, name)) WITHOUT ROWID;"
       "CREATE INDEX events_by_uid_time ON events(uid, at);"
       "CREATE INDEX events_by_uid_kind_time ON events(uid, kind, at);",
+      // 2 -> 3: usage of limited programs and groups, by item identifier.
+      "CREATE TABLE IF NOT EXISTS program_usage(uid INTEGER NOT NULL, item TEXT NOT NULL, day TEXT "
+      "NOT NULL,"
+      " used REAL NOT NULL, curfew_used REAL NOT NULL, PRIMARY KEY(uid, item, day))"
+      " WITHOUT ROWID;",
   };
   std::string script = "BEGIN;";
   for (int step = current; step < kSchemaVersion; ++step) script += kSteps[step];
@@ -185,6 +190,49 @@ bool UsageStore::reset(uid_t uid, const std::string& day) {
     ok = sqlite3_step(del.get()) == SQLITE_DONE;
   }
   if (!ok) {
+    execute("ROLLBACK");
+    return false;
+  }
+  return execute("COMMIT");
+}
+
+DayUsage UsageStore::programUsageOn(uid_t uid, const std::string& item,
+                                    const std::string& day) const {
+  Statement q(db_,
+              "SELECT used, curfew_used FROM program_usage WHERE uid = ?1 AND item = ?2 AND"
+              " day = ?3");
+  DayUsage usage;
+  if (!q) return usage;
+  sqlite3_bind_int64(q.get(), 1, uid);
+  sqlite3_bind_text(q.get(), 2, item.c_str(), int(item.size()), SQLITE_TRANSIENT);
+  sqlite3_bind_text(q.get(), 3, day.c_str(), int(day.size()), SQLITE_TRANSIENT);
+  if (sqlite3_step(q.get()) == SQLITE_ROW) {
+    usage.used = sqlite3_column_double(q.get(), 0);
+    usage.curfewUsed = sqlite3_column_double(q.get(), 1);
+  }
+  return usage;
+}
+
+bool UsageStore::addProgramUsage(const std::vector<ProgramUsageDelta>& deltas) {
+  if (deltas.empty()) return true;
+  if (!execute("BEGIN IMMEDIATE")) return false;
+  Statement upsert(db_,
+                   "INSERT INTO program_usage(uid, item, day, used, curfew_used)"
+                   " VALUES(?1, ?2, ?3, ?4, ?5) ON CONFLICT(uid, item, day) DO UPDATE SET"
+                   " used = used + ?4, curfew_used = curfew_used + ?5");
+  bool ok = bool(upsert);
+  for (const ProgramUsageDelta& d : deltas) {
+    if (!ok) break;
+    sqlite3_reset(upsert.get());
+    sqlite3_bind_int64(upsert.get(), 1, d.uid);
+    sqlite3_bind_text(upsert.get(), 2, d.item.c_str(), int(d.item.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(upsert.get(), 3, d.day.c_str(), int(d.day.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_double(upsert.get(), 4, d.add.used);
+    sqlite3_bind_double(upsert.get(), 5, d.add.curfewUsed);
+    ok = sqlite3_step(upsert.get()) == SQLITE_DONE;
+  }
+  if (!ok) {
+    GW_LOG(0, "*** usage database: %s", sqlite3_errmsg(db_));
     execute("ROLLBACK");
     return false;
   }

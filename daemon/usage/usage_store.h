@@ -1,5 +1,6 @@
-// The daemon's memory across restarts: counted usage per user per local day, and the events it
-// recorded, in one SQLite database. The schema (version 2) is made and migrated here; the event
+// The daemon's memory across restarts: counted usage per user per local day (of the computer, and
+// of each limited program or group item), and the events it recorded, in one SQLite database. The
+// schema (version 3) is made and migrated here; the event
 // store (daemon/events/event_store.h) reads and writes the events tables through its own
 // connection to the same file.
 //
@@ -31,9 +32,17 @@ struct UsageDelta {
   DayUsage add;
 };
 
+// Time counted for one program or group item (by its identifier).
+struct ProgramUsageDelta {
+  uid_t uid = 0;
+  std::string item;
+  std::string day;
+  DayUsage add;
+};
+
 class UsageStore {
  public:
-  static constexpr int kSchemaVersion = 2;
+  static constexpr int kSchemaVersion = 3;
 
   // nullptr (with *error) when no database can be had at path, not even a fresh one.
   static std::unique_ptr<UsageStore> open(const std::string& path, std::string* error);
@@ -48,6 +57,9 @@ class UsageStore {
   bool add(const std::vector<UsageDelta>& deltas);
   // Forgets the user's usage of day.
   bool reset(uid_t uid, const std::string& day);
+  DayUsage programUsageOn(uid_t uid, const std::string& item, const std::string& day) const;
+  // Adds every delta in one transaction. False (logged) when it could not.
+  bool addProgramUsage(const std::vector<ProgramUsageDelta>& deltas);
   bool recordEvent(uid_t uid, double unixTime, const std::string& kind, const std::string& detail);
   // How many events of kind were recorded for uid (tests and the CLI).
   int eventCount(uid_t uid, const std::string& kind) const;

@@ -238,6 +238,14 @@ TEST_F(ProgramTimesTest, AGroupCountsOnceWhileAnyOfItsProgramsRuns) {
   manager_->programs().execed(300, kUid + 1, "/usr/games/a");
   advanceTo(local(2026, 11, 23, 11, 30));
   EXPECT_EQ(manager_->programTimes().usageOn(kUid, "G", "2026-11-23").used, 1800);
+
+  // Kept across a restart of the daemon, counting to the moment it stopped.
+  manager_->programs().execed(202, kUid, "/usr/games/b");
+  advanceTo(local(2026, 11, 23, 11, 40));
+  manager_.reset();
+  start(local(2026, 11, 23, 12, 0),
+        preference({item(gw::kGWLimitTypeGroup, "G", 3600, {appRecord("/usr/games/a")})}));
+  EXPECT_EQ(manager_->programTimes().usageOn(kUid, "G", "2026-11-23").used, 2400);
 }
 
 }  // namespace
