@@ -133,8 +133,8 @@ bool Manager::start(std::string* error) {
                       ? ProgramWatch::start(loop_, wanted, changed)
                       : std::make_unique<ProgramWatch>(wanted, changed);
   programTimes_ = std::make_unique<ProgramTimes>(
-      *programWatch_, options_.signalProgram ? options_.signalProgram : signalProgram,
-      &ledger_->store());
+      *options_.clock, *programWatch_,
+      options_.signalProgram ? options_.signalProgram : signalProgram, &ledger_->store());
   refresh();
   return true;
 }
@@ -250,6 +250,7 @@ void Manager::clockJumped() {
     user.countingSince = now;
     user.monotonicSince = monotonic;
   }
+  if (programTimes_) programTimes_->clockJumped(now);
   GW_LOG(1, "The clock was set; deciding again");
   refresh();
 }

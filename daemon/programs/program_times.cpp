@@ -117,6 +117,7 @@ std::optional<plist::Date> ProgramTimes::update(uid_t uid, const std::string& us
     t.curfews = limit.limit.curfews;
     if (t.counting && now > t.since) book(key, t.since, now, limit.limit.curfews.get());
     t.since = now;  // also when the clock went back: nothing is counted twice
+    t.monotonicSince = clock_.monotonicMicroseconds();
 
     std::vector<RunningProgram> found = matching(limit, running);
     t.running = !found.empty();
@@ -194,6 +195,19 @@ void ProgramTimes::bookAll(plist::Date now) {
   for (auto& [key, t] : tracked_) {
     if (t.counting && now > t.since) book(key, t.since, now, t.curfews.get());
     t.since = now;
+    t.monotonicSince = clock_.monotonicMicroseconds();
+  }
+}
+
+void ProgramTimes::clockJumped(plist::Date now) {
+  std::uint64_t monotonic = clock_.monotonicMicroseconds();
+  for (auto& [key, t] : tracked_) {
+    if (t.counting) {
+      double elapsed = double(monotonic - t.monotonicSince) / 1e6;
+      book(key, t.since, plus(t.since, elapsed), t.curfews.get());
+    }
+    t.since = now;
+    t.monotonicSince = monotonic;
   }
 }
 

@@ -51,15 +51,18 @@ class ProgramTimes {
   using Signal = std::function<bool(pid_t, uid_t, const std::string& path, int signal)>;
   // store: where booked time is kept across restarts (nullptr: in memory only); it must outlive
   // this object.
-  ProgramTimes(const ProgramWatch& watch, Signal signal = signalProgram,
+  // The clock must outlive this object too.
+  ProgramTimes(const Clock& clock, const ProgramWatch& watch, Signal signal = signalProgram,
                UsageStore* store = nullptr)
-      : watch_(watch), signal_(std::move(signal)), store_(store) {}
+      : clock_(clock), watch_(watch), signal_(std::move(signal)), store_(store) {}
 
   // Books, decides and acts for uid's program limits at now; the next moment to look again.
   std::optional<plist::Date> update(uid_t uid, const std::string& userName, bool sessionCounts,
                                     plist::Date now);
   // Books the time of every counting item up to now (before a flush), nothing else.
   void bookAll(plist::Date now);
+  // The wall clock was set: what counted before is booked for as long as the monotonic clock says.
+  void clockJumped(plist::Date now);
   // Appends uid's program warnings and alerts at now (from the last update).
   void addStatusItems(uid_t uid, plist::Date now, std::vector<StatusItemInfo>& items) const;
   // Time booked for uid's item on day (tests and the flush).
@@ -77,6 +80,7 @@ class ProgramTimes {
     bool counting = false;
     bool running = false;
     plist::Date since;
+    std::uint64_t monotonicSince = 0;
     GWCurfewsRef curfews;  // the item's, as last read
     Decision decision;
     std::optional<plist::Date> endedAt;  // when the programs were told to quit
@@ -94,6 +98,7 @@ class ProgramTimes {
                                        const std::vector<RunningProgram>& running);
   void signalAll(uid_t uid, const std::vector<RunningProgram>& programs, int signal);
 
+  const Clock& clock_;
   const ProgramWatch& watch_;
   Signal signal_;
   UsageStore* store_;

@@ -239,13 +239,22 @@ TEST_F(ProgramTimesTest, AGroupCountsOnceWhileAnyOfItsProgramsRuns) {
   advanceTo(local(2026, 11, 23, 11, 30));
   EXPECT_EQ(manager_->programTimes().usageOn(kUid, "G", "2026-11-23").used, 1800);
 
+  // The clock set two hours ahead after five minutes of play: five minutes are counted.
+  manager_->programs().execed(201, kUid, "/usr/games/b");
+  clock_->advance(300);
+  clock_->set(local(2026, 11, 23, 13, 35));
+  manager_->clockJumped();
+  manager_->programs().exited(201);
+  EXPECT_EQ(manager_->programTimes().usageOn(kUid, "G", "2026-11-23").used, 2100);
+  advanceTo(local(2026, 11, 23, 13, 40));
+
   // Kept across a restart of the daemon, counting to the moment it stopped.
   manager_->programs().execed(202, kUid, "/usr/games/b");
-  advanceTo(local(2026, 11, 23, 11, 40));
+  advanceTo(local(2026, 11, 23, 13, 50));
   manager_.reset();
-  start(local(2026, 11, 23, 12, 0),
+  start(local(2026, 11, 23, 14, 0),
         preference({item(gw::kGWLimitTypeGroup, "G", 3600, {appRecord("/usr/games/a")})}));
-  EXPECT_EQ(manager_->programTimes().usageOn(kUid, "G", "2026-11-23").used, 2400);
+  EXPECT_EQ(manager_->programTimes().usageOn(kUid, "G", "2026-11-23").used, 2700);
 }
 
 }  // namespace
