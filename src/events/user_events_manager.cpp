@@ -32,7 +32,11 @@ std::string className(const plist::Value& value) {
     case plist::Type::Date:
       return "NSDate";
     case plist::Type::Object:
-      return value.object() ? typeid(*value.object()).name() : "nil";
+      if (const GWObjectRef& object = value.object()) {
+        const GWObject& dynamic = *object;  // named, so typeid has no side effect to warn about
+        return typeid(dynamic).name();
+      }
+      return "nil";
     default:
       return value.isNumber() || value.isBoolean() ? "NSNumber" : "nil";
   }
