@@ -78,7 +78,11 @@ bool Manager::start(std::string* error) {
     sigset_t mask;
     sigemptyset(&mask);
     for (int s : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&mask, s);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    // sd-event reads these through a signalfd, which needs them blocked; the old mask comes back
+    // when the manager goes, so programs started afterwards (tests run managers in-process) can
+    // still be stopped.
+    savedSignalMask_.emplace();
+    sigprocmask(SIG_BLOCK, &mask, &*savedSignalMask_);
     for (int s : {SIGTERM, SIGINT, SIGHUP}) {
       sd_event_source* source = nullptr;
       if (sd_event_add_signal(loop_, &source, s, &Manager::onSignal, this) >= 0) {
@@ -136,6 +140,7 @@ Manager::~Manager() {
   actions_.reset();
   if (systemBus_) sd_bus_flush_close_unref(systemBus_);
   for (sd_event_source* s : signals_) sd_event_source_disable_unref(s);
+  if (savedSignalMask_) sigprocmask(SIG_SETMASK, &*savedSignalMask_, nullptr);
   sd_event_source_disable_unref(timer_);
   sd_event_source_disable_unref(clockWatch_);
   sd_event_unref(loop_);
@@ -307,9 +312,13 @@ std::optional<Decision> Manager::reusableDecision(const User& user, plist::Date 
       kLongestReuseMicroseconds) {
     return std::nullopt;
   }
-  if (settingsWatch_.changed() || *user.decidedGeneration != settingsWatch_.generation()) {
-    return std::nullopt;
+  // One look at the watch per read generation of the server does: every request of a generation
+  // was read whole before the first of them is handled, so after every change made before it.
+  if (!server_ || watchReadFor_ != server_->readGeneration()) {
+    settingsWatch_.changed();
+    if (server_) watchReadFor_ = server_->readGeneration();
   }
+  if (*user.decidedGeneration != settingsWatch_.generation()) return std::nullopt;
   // A refusal lasts until a fixed moment, a curfew cuts use off at one, no limit has no end: the
   // same answer at any moment before the wake. Time left to an allowance counts from now.
   const Decision& last = *user.decision;

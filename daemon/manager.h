@@ -12,6 +12,7 @@
 // One thread. Made by create(), torn down by the destructor (usage flushed).
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
@@ -154,6 +155,7 @@ class Manager {
   sd_event_source* clockWatch_ = nullptr;
   fs::UniqueFd clockFd_;
   std::vector<sd_event_source*> signals_;
+  std::optional<sigset_t> savedSignalMask_;  // the mask before start() blocked the stop signals
   std::unique_ptr<UsageLedger> ledger_;
   std::unique_ptr<EventService> events_;
   std::unique_ptr<SessionMonitor> monitor_;
@@ -164,6 +166,7 @@ class Manager {
   ComputerLimitCache limits_;
   OverridesCache overrides_;
   SettingsWatch settingsWatch_;
+  std::optional<std::uint64_t> watchReadFor_;  // the server's read generation it was last read in
   RateLimiter<uid_t> peerLimiter_{20, 120};
   std::map<uid_t, User> users_;
   std::unique_ptr<MailStore> mail_;

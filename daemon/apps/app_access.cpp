@@ -3,6 +3,7 @@
 #include <gatewise/core.h>
 #include <gatewise/launch.h>
 #include <gatewise/log.h>
+#include <time.h>
 
 namespace gw::daemon {
 namespace {
@@ -87,17 +88,25 @@ AppAccess parseAppAccess(const plist::Value& settings, bool isOlderForm) {
   return access;
 }
 
-const AppAccess& AppAccessCache::accessFor(const std::string& userName) {
+const AppAccess& AppAccessCache::accessFor(const std::string& userName, bool recentEnough) {
+  timespec clock{};
+  ::clock_gettime(CLOCK_MONOTONIC, &clock);
+  std::uint64_t now = std::uint64_t(clock.tv_sec) * 1'000'000 + std::uint64_t(clock.tv_nsec) / 1000;
+  auto it = entries_.find(userName);
+  if (recentEnough && it != entries_.end() && now - it->second.checkedAt < kRecheckMicroseconds) {
+    return it->second.access;
+  }
   std::optional<std::string> current =
       GWManagedPreferencesFileForUser(userName, kGWApplicationAccessDomain);
   std::optional<std::string> older =
       GWManagedPreferencesFileForUser(userName, kGWOldApplicationAccessDomain);
   Entry fresh;
+  fresh.checkedAt = now;
   if (current) fresh.current = stampOf(*current);
   if (older) fresh.older = stampOf(*older);
-  auto it = entries_.find(userName);
   if (it != entries_.end() && it->second.current == fresh.current &&
       it->second.older == fresh.older) {
+    it->second.checkedAt = now;
     return it->second.access;
   }
   std::optional<plist::Value> settings;

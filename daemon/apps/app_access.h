@@ -55,12 +55,16 @@ AppAccess parseAppAccess(const plist::Value& settings, bool isOlderForm);
 
 class AppAccessCache {
  public:
-  // The user's access as the files say now. userName must be a safe name.
-  const AppAccess& accessFor(const std::string& userName);
+  // The user's access as the files say now. userName must be a safe name. With recentEnough, an
+  // answer whose files were checked less than kRecheckMicroseconds ago is given without looking at
+  // them again (the exec path, where two lstat calls per exec are most of the work).
+  const AppAccess& accessFor(const std::string& userName, bool recentEnough = false);
   void forget(const std::string& userName) { entries_.erase(userName); }
 
  private:
+  static constexpr std::uint64_t kRecheckMicroseconds = 1'000'000;
   struct Entry {
+    std::uint64_t checkedAt = 0;  // monotonic microseconds
     FileStamp current, older;
     AppAccess access;
   };

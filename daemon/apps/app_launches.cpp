@@ -55,11 +55,11 @@ const std::optional<std::string>& AppLaunches::userNameOf(uid_t uid) {
   return names_[uid] = std::move(name);
 }
 
-const AppAccess* AppLaunches::accessOf(uid_t uid) {
+const AppAccess* AppLaunches::accessOf(uid_t uid, bool recentEnough) {
   if (uid == 0) return nullptr;
   const std::optional<std::string>& name = userNameOf(uid);
   if (!name) return nullptr;
-  const AppAccess& access = access_.accessFor(*name);
+  const AppAccess& access = access_.accessFor(*name, recentEnough);
   return access.mode == AppAccess::Mode::Unrestricted ? nullptr : &access;
 }
 
@@ -168,7 +168,7 @@ void AppLaunches::addStatusItems(uid_t uid, plist::Date now,
 }
 
 bool AppLaunches::allowExec(uid_t uid, const ExecFile& file) {
-  const AppAccess* access = accessOf(uid);
+  const AppAccess* access = accessOf(uid, true);
   if (!access) return true;
   ExecKey key{uid, file.device, file.inode, file.changeNanoseconds};
   if (auto it = execs_.find(key);
@@ -186,8 +186,9 @@ bool AppLaunches::allowExec(uid_t uid, const ExecFile& file) {
 }
 
 bool AppLaunches::enforce(std::vector<std::string> mounts, std::vector<std::string> files,
-                          std::string* error) {
+                          bool followMounts, std::string* error) {
   LaunchEnforcerOptions options;
+  options.followMounts = followMounts;
   options.mounts = std::move(mounts);
   options.files = std::move(files);
   options.decide = [this](uid_t uid, pid_t, const ExecFile& file) { return allowExec(uid, file); };
@@ -199,7 +200,7 @@ void AppLaunches::enforceIfConfigured() {
   std::optional<plist::Value> setting = prefs::copyHostValue(kHostDomain, kEnforceLaunchesKey);
   if (!setting || !setting->boolValue()) return;
   std::string error;
-  if (enforce(LaunchEnforcer::programMounts(), {}, &error)) {
+  if (enforce(LaunchEnforcer::programMounts(), {}, true, &error)) {
     GW_LOG(1, "Enforcing launches of managed users");
   } else {
     GW_LOG(0, "*** Can't enforce launches (%s): launchers alone are asked", error.c_str());

@@ -67,8 +67,10 @@ class AppLaunches {
 
   // Turns enforcement on when the host setting asks for it (marking every program mount).
   void enforceIfConfigured();
-  // Turns enforcement on with these marks; false (and *error) when fanotify is unavailable.
-  bool enforce(std::vector<std::string> mounts, std::vector<std::string> files, std::string* error);
+  // Turns enforcement on with these marks (and the mounts that appear later, with followMounts);
+  // false (and *error) when fanotify is unavailable.
+  bool enforce(std::vector<std::string> mounts, std::vector<std::string> files, bool followMounts,
+               std::string* error);
   LaunchEnforcer* enforcer() const { return enforcer_.get(); }
   // The enforcement decision for one exec (public for benchmarks).
   bool allowExec(uid_t uid, const ExecFile& file);
@@ -86,8 +88,8 @@ class AppLaunches {
 
   // The short name of uid, cached (nullopt: no such user, or an unsafe name).
   const std::optional<std::string>& userNameOf(uid_t uid);
-  // nullptr when uid has no restrictions to decide from.
-  const AppAccess* accessOf(uid_t uid);
+  // nullptr when uid has no restrictions to decide from. recentEnough: see AppAccessCache.
+  const AppAccess* accessOf(uid_t uid, bool recentEnough = false);
   // Whether the program still satisfies the entry's requirement.
   bool satisfiesRequirement(const AppEntry& entry, const std::string& path,
                             const ProgramBundle& program);

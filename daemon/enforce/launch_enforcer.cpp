@@ -106,11 +106,8 @@ std::unique_ptr<LaunchEnforcer> LaunchEnforcer::create(sd_event* loop,
                                             O_RDONLY | O_CLOEXEC | O_LARGEFILE));
   if (!enforcer->fanotify_) return failed("fanotify_init");
   int fd = enforcer->fanotify_.get();
-  for (const std::string& mount : enforcer->options_.mounts) {
-    if (::fanotify_mark(fd, FAN_MARK_ADD | FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM, AT_FDCWD,
-                        mount.c_str()) != 0) {
-      return failed("fanotify_mark " + mount);
-    }
+  if (!enforcer->options_.mounts.empty() && enforcer->markMounts(enforcer->options_.mounts) == 0) {
+    return failed("fanotify_mark: no mount could be marked");
   }
   for (const std::string& file : enforcer->options_.files) {
     if (::fanotify_mark(fd, FAN_MARK_ADD, FAN_OPEN_EXEC_PERM, AT_FDCWD, file.c_str()) != 0) {
@@ -127,12 +124,45 @@ std::unique_ptr<LaunchEnforcer> LaunchEnforcer::create(sd_event* loop,
     // Answering held execs comes before any other work of the loop.
     sd_event_source_set_priority(enforcer->source_, SD_EVENT_PRIORITY_IMPORTANT);
   }
+  if (loop && enforcer->options_.followMounts) {
+    // The kernel flags mountinfo with POLLPRI whenever the mount table changes.
+    enforcer->mountInfo_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    if (!enforcer->mountInfo_ ||
+        sd_event_add_io(loop, &enforcer->mountWatch_, enforcer->mountInfo_.get(), EPOLLPRI,
+                        &LaunchEnforcer::onMountsChanged, enforcer.get()) < 0) {
+      GW_LOG(0, "*** Can't watch for new mounts: those mounted later are not enforced");
+    }
+  }
   return enforcer;
 }
 
 LaunchEnforcer::~LaunchEnforcer() {
   // Closing the descriptor lets every exec still held go through.
   if (source_) sd_event_source_unref(source_);
+  if (mountWatch_) sd_event_source_unref(mountWatch_);
+}
+
+std::size_t LaunchEnforcer::markMounts(const std::vector<std::string>& folders) {
+  std::size_t marked = 0;
+  for (const std::string& folder : folders) {
+    // Marking a mount again changes nothing, so a rescan may mark everything anew.
+    if (::fanotify_mark(fanotify_.get(), FAN_MARK_ADD | FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM,
+                        AT_FDCWD, folder.c_str()) == 0) {
+      ++marked;
+    } else {
+      GW_LOG(1, "*** Can't enforce launches on %s: %s", folder.c_str(), std::strerror(errno));
+    }
+  }
+  return marked;
+}
+
+int LaunchEnforcer::onMountsChanged(sd_event_source*, int fd, uint32_t, void* self) {
+  // Rewind so that the next change is reported again.
+  char byte;
+  ::lseek(fd, 0, SEEK_SET);
+  (void)!::read(fd, &byte, 1);
+  static_cast<LaunchEnforcer*>(self)->markMounts(programMounts());
+  return 0;
 }
 
 int LaunchEnforcer::onReadable(sd_event_source*, int, uint32_t, void* self) {

@@ -43,8 +43,12 @@ struct ExecFile {
 };
 
 struct LaunchEnforcerOptions {
-  // Folders whose mounts are marked whole (FAN_MARK_MOUNT).
+  // Folders whose mounts are marked whole (FAN_MARK_MOUNT). A mount that cannot be marked is
+  // logged and skipped; creation fails only when none could be.
   std::vector<std::string> mounts;
+  // Also marks every program mount that appears later (/proc/self/mountinfo is watched), such as
+  // the per-user runtime folders mounted at login.
+  bool followMounts = false;
   // Files marked one by one (tests mark only their own programs).
   std::vector<std::string> files;
   // Whether uid may execute file (pid is the process that asks). Never called for root.
@@ -74,10 +78,15 @@ class LaunchEnforcer {
  private:
   LaunchEnforcer() = default;
   static int onReadable(sd_event_source*, int, uint32_t, void* self);
+  static int onMountsChanged(sd_event_source*, int, uint32_t, void* self);
   bool answer(int fd, bool allow);
+  // Marks the mount of each folder; how many could be marked.
+  std::size_t markMounts(const std::vector<std::string>& folders);
 
   fs::UniqueFd fanotify_;
   sd_event_source* source_ = nullptr;
+  sd_event_source* mountWatch_ = nullptr;
+  fs::UniqueFd mountInfo_;
   LaunchEnforcerOptions options_;
   std::uint64_t answered_ = 0;
   std::uint64_t denied_ = 0;

@@ -3,6 +3,7 @@
 #include <gatewise/log.h>
 
 #include "daemon/events/predicate_sql.h"
+#include "daemon/usage/sqlite_statement.h"
 #include "daemon/usage/usage_store.h"
 
 namespace gw::daemon {
@@ -10,21 +11,6 @@ namespace {
 
 // How a field's value is stored, so that it reads back with its type.
 enum FieldType { kString = 0, kInteger = 1, kReal = 2, kBoolean = 3, kDate = 4 };
-
-class Statement {
- public:
-  Statement(sqlite3* db, const std::string& sql) {
-    sqlite3_prepare_v2(db, sql.c_str(), int(sql.size()), &s_, nullptr);
-  }
-  ~Statement() { sqlite3_finalize(s_); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-  explicit operator bool() const { return s_ != nullptr; }
-  sqlite3_stmt* get() const { return s_; }
-
- private:
-  sqlite3_stmt* s_ = nullptr;
-};
 
 // At most max bytes of text, not cutting a UTF-8 sequence.
 std::string clipped(const std::string& text, std::size_t max) {

@@ -9,26 +9,13 @@
 #include <cstring>
 #include <filesystem>
 
+#include "daemon/usage/sqlite_statement.h"
 #include "platform/fs/root.h"
 
 namespace gw::daemon {
 namespace {
 
 constexpr const char* kStateFolder = "/Library/Application Support/Morvane/Tutela/State";
-
-// One statement, finalized on every path.
-class Statement {
- public:
-  Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &s_, nullptr); }
-  ~Statement() { sqlite3_finalize(s_); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-  explicit operator bool() const { return s_ != nullptr; }
-  sqlite3_stmt* get() const { return s_; }
-
- private:
-  sqlite3_stmt* s_ = nullptr;
-};
 
 bool quickCheckPasses(sqlite3* db) {
   Statement check(db, "PRAGMA quick_check");

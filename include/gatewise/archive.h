@@ -89,6 +89,10 @@ void registerCoder(ClassCoder coder) {
 GW_EXPORT std::vector<std::uint8_t> archivedDataWithRootObject(
     const plist::Value& root, plist::Format format = plist::Format::Binary);
 
+// The class name value would be archived under ("NSArray", "NSNumber", a registered coder's
+// name...), for messages about unexpected objects; "nil" for null.
+GW_EXPORT std::string className(const plist::Value& value);
+
 // The decoded root object, or a null Value for anything that is not a well-formed archive (logged).
 // Arrays and dictionaries come back mutable when archived as the mutable classes.
 GW_EXPORT plist::Value unarchiveObjectWithData(std::span<const std::uint8_t> data);

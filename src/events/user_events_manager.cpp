@@ -21,27 +21,6 @@ mach_port_t lookUpDaemon() {
 
 vm_offset_t address(const void* bytes) { return vm_offset_t(reinterpret_cast<uintptr_t>(bytes)); }
 
-std::string className(const plist::Value& value) {
-  switch (value.type()) {
-    case plist::Type::Dictionary:
-      return "NSDictionary";
-    case plist::Type::String:
-      return "NSString";
-    case plist::Type::Data:
-      return "NSData";
-    case plist::Type::Date:
-      return "NSDate";
-    case plist::Type::Object:
-      if (const GWObjectRef& object = value.object()) {
-        const GWObject& dynamic = *object;  // named, so typeid has no side effect to warn about
-        return typeid(dynamic).name();
-      }
-      return "nil";
-    default:
-      return value.isNumber() || value.isBoolean() ? "NSNumber" : "nil";
-  }
-}
-
 }  // namespace
 
 GWUserEventsManagerRef GWUserEventsManager::initWithUserName(
@@ -156,7 +135,7 @@ plist::Value GWUserEventsManager::executeFetchRequest(const GWFetchRequestRef& r
   }
   if (!decoded.isArray()) {
     GW_LOG(0, "*** _GWMIGExecuteRequestForUser returned invalid object type: %@",
-           className(decoded));
+           archive::className(decoded));
     return {};
   }
   GW_LOG(2, "_GWMIGExecuteRequestForUser returned %d items", int(decoded.array()->size()));

@@ -131,6 +131,8 @@ void MessageServer::stop() {
   [[maybe_unused]] auto n = ::write(wake_.get(), &one, sizeof one);
 }
 
+std::uint64_t MessageServer::readGeneration() const { return loop_->readGeneration(); }
+
 std::size_t MessageServer::openConnections() const { return counters_->openConnections.load(); }
 
 MessageServer::Stats MessageServer::stats() const {

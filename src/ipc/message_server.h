@@ -91,6 +91,13 @@ class MessageServer {
   // of the loop and its earliest deadline a timer source. Returns 0 or a negative errno.
   int attach(sd_event* loop);
 
+  // Moves on before requests are handed to their handlers, once for all the requests of one
+  // sweep over the listener and once for each request that arrived later: every request handled
+  // under one number was read in full before the first of them was handled. So a handler that
+  // checks for outside changes once per number sees every change made before its request was
+  // sent. Serving thread only.
+  std::uint64_t readGeneration() const;
+
   const std::string& path() const { return path_; }
   const Limits& limits() const { return limits_; }
   // Connections open right now (any thread; for tests and statistics).

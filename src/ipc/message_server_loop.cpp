@@ -75,7 +75,9 @@ MessageServer::Loop::Loop(MessageServer& server)
     : server_(server),
       counters_(*server.counters_),
       spare_(::eventfd(0, EFD_CLOEXEC)),
-      chunk_(kChunkSize) {}
+      chunk_(kChunkSize),
+      arrivals_(kAcceptsPerWakeup),
+      firstBytes_(kAcceptsPerWakeup * kFreeBytes) {}
 
 void MessageServer::Loop::watch(int fd, std::uint32_t events, int op) {
   epoll_event ev{};
@@ -120,24 +122,46 @@ void MessageServer::Loop::acceptWaiting() {
   if (listening_) accept();
 }
 
+// In two steps: first every waiting connection is accepted and its first bytes read, then the
+// requests that came whole are served, all under one new read generation (see
+// MessageServer::readGeneration()).
 void MessageServer::Loop::accept() {
+  std::size_t count = 0;
+  bool exhausted = false;
   for (int i = 0; i < kAcceptsPerWakeup; ++i) {
     int fd = ::accept4(server_.listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-        outOfDescriptors();
-      }
-      return;
+      exhausted = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+      break;
     }
-    counters_.openConnections = connections_.size() + 1;  // the one being served is open too
+    Arrival& arrival = arrivals_[count];
+    arrival.fd = UniqueFd(fd);
+    counters_.openConnections = connections_.size() + count + 1;  // those in hand are open too
+    bool taken = false;
     try {
-      admit(UniqueFd(fd));
+      taken = receiveFirst(arrival, firstBytes_.data() + count * kFreeBytes);
+    } catch (const std::exception& e) {  // std::bad_alloc above all: drop this one, serve on
+      GW_LOG_CAUGHT(e);
+    }
+    if (taken) {
+      ++count;
+    } else {
+      arrival = {};  // closes it
+    }
+  }
+  ++readGeneration_;
+  for (std::size_t i = 0; i < count; ++i) {
+    try {
+      admit(arrivals_[i], firstBytes_.data() + i * kFreeBytes);
     } catch (const std::exception& e) {  // the descriptor is closed on the way out
       GW_LOG_CAUGHT(e);
     }
-    counters_.openConnections = connections_.size();
+    arrivals_[i] = {};
+    counters_.openConnections = connections_.size() + (count - i - 1);
   }
+  counters_.openConnections = connections_.size();
+  if (exhausted) outOfDescriptors();
 }
 
 // Spends the spare descriptor to take the waiting connection off the queue and close it (its
@@ -174,35 +198,36 @@ void MessageServer::Loop::resumeListener() {
 // when it is all there, answered before the connection is ever registered with epoll. Only what
 // has to wait (the rest of a request, a delayed or unfinished answer) becomes a Connection, held
 // to the caps on connections per uid and in all.
-void MessageServer::Loop::admit(UniqueFd fd) {
-  Credentials peer;
+bool MessageServer::Loop::receiveFirst(Arrival& arrival, std::uint8_t* bytes) {
   ucred cred{};
   socklen_t length = sizeof cred;
-  if (::getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0) {
-    peer = {cred.uid, cred.gid, cred.pid};
+  if (::getsockopt(arrival.fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0) {
+    arrival.peer = {cred.uid, cred.gid, cred.pid};
   }
   // Up to the free allowance: the length and, in the same read, any request without regions.
-  std::vector<UniqueFd> fds;
-  std::size_t got = 0, dropped = 0;
-  mach::IoStatus status = mach::receiveBounded(fd.get(), chunk_.data(), kFreeBytes, &got, &fds,
-                                               maxPortsPerRequest(), &dropped);
+  std::size_t dropped = 0;
+  mach::IoStatus status = mach::receiveBounded(arrival.fd.get(), bytes, kFreeBytes, &arrival.size,
+                                               &arrival.fds, maxPortsPerRequest(), &dropped);
   counters_.descriptorsRefused += dropped;
-  if (status != mach::IoStatus::Ok) return;
-  Frame state = frameState(chunk_.data(), got);
-  if (state == Frame::Malformed) return;
-  if (state == Frame::Complete) {
+  arrival.excessDescriptors = dropped > 0;
+  return status == mach::IoStatus::Ok && frameState(bytes, arrival.size) != Frame::Malformed;
+}
+
+void MessageServer::Loop::admit(Arrival& arrival, const std::uint8_t* bytes) {
+  const Credentials peer = arrival.peer;
+  if (frameState(bytes, arrival.size) == Frame::Complete) {
     ++counters_.accepted;
-    std::span<const std::uint8_t> body(chunk_.data() + 4, frameLength(chunk_.data()));
-    Dispatcher::Outcome outcome = serve(body, fds, peer, dropped > 0);
-    fds.clear();
+    std::span<const std::uint8_t> body(bytes + 4, frameLength(bytes));
+    Dispatcher::Outcome outcome = serve(body, arrival.fds, peer, arrival.excessDescriptors);
+    arrival.fds.clear();
     if (outcome.delay.count() == 0) {
       if (!outcome.answer) return;
       std::uint8_t prefix[4];
       putLength(prefix, std::uint32_t(outcome.reply.size()));
-      ssize_t sent = sendSome(fd.get(), prefix, outcome.reply, 0);
+      ssize_t sent = sendSome(arrival.fd.get(), prefix, outcome.reply, 0);
       if (sent < 0 || std::size_t(sent) == 4 + outcome.reply.size()) return;
       // The socket is full: the rest goes out when epoll says it can.
-      Connection* c = keep(std::move(fd), peer, EPOLLOUT);
+      Connection* c = keep(std::move(arrival.fd), peer, EPOLLOUT);
       if (!c) return;
       answerLater(*c, std::move(outcome));
       c->sent = std::size_t(sent);
@@ -211,16 +236,16 @@ void MessageServer::Loop::admit(UniqueFd fd) {
       return;
     }
     // Wait, but notice a client that gives up.
-    Connection* c = keep(std::move(fd), peer, EPOLLRDHUP);
+    Connection* c = keep(std::move(arrival.fd), peer, EPOLLRDHUP);
     if (c) answerLater(*c, std::move(outcome));
     return;
   }
-  Connection* c = keep(std::move(fd), peer, EPOLLIN);
+  Connection* c = keep(std::move(arrival.fd), peer, EPOLLIN);
   if (!c) return;
   ++counters_.accepted;
-  c->in.assign(chunk_.data(), chunk_.data() + got);
-  c->fds = std::move(fds);
-  c->excessDescriptors = dropped > 0;
+  c->in.assign(bytes, bytes + arrival.size);
+  c->fds = std::move(arrival.fds);
+  c->excessDescriptors = arrival.excessDescriptors;
 }
 
 MessageServer::Loop::Connection* MessageServer::Loop::keep(UniqueFd fd, const Credentials& peer,
@@ -335,6 +360,7 @@ Dispatcher::Outcome MessageServer::Loop::serve(std::span<const std::uint8_t> bod
 }
 
 void MessageServer::Loop::dispatch(Connection& c) {
+  ++readGeneration_;  // read after the last sweep's requests
   std::span<const std::uint8_t> body(c.in.data() + 4, c.in.size() - 4);
   Dispatcher::Outcome outcome = serve(body, c.fds, c.peer, c.excessDescriptors);
   c.fds.clear();

@@ -57,10 +57,24 @@ struct MessageServer::Loop {
   // Acts on the deadlines that have passed.
   void expire();
   std::optional<Clock::time_point> nextDeadline() const;
+  std::uint64_t readGeneration() const { return readGeneration_; }
 
  private:
+  // A connection just accepted, with its first read.
+  struct Arrival {
+    fs::UniqueFd fd;
+    Credentials peer;
+    std::size_t size = 0;  // bytes read
+    std::vector<fs::UniqueFd> fds;
+    bool excessDescriptors = false;
+  };
+
   void accept();
-  void admit(fs::UniqueFd fd);
+  // The peer and the first bytes (at most the free allowance) of a new connection; false when it
+  // is to be closed at once.
+  bool receiveFirst(Arrival& arrival, std::uint8_t* bytes);
+  // Serves a whole request at once, or keeps the connection for the rest.
+  void admit(Arrival& arrival, const std::uint8_t* bytes);
   // Takes a connection into the table and epoll (watching `events`), within the caps; nullptr
   // (the connection closed) when there is no room.
   Connection* keep(fs::UniqueFd fd, const Credentials& peer, std::uint32_t events);
@@ -91,6 +105,9 @@ struct MessageServer::Loop {
   bool listening_ = true;
   Clock::time_point resumeAt_{};
   std::vector<std::uint8_t> chunk_;
+  std::vector<Arrival> arrivals_;         // of one sweep of accept()
+  std::vector<std::uint8_t> firstBytes_;  // their first reads, kFreeBytes each
+  std::uint64_t readGeneration_ = 0;
 };
 
 }  // namespace gw::ipc

@@ -60,10 +60,11 @@ class AgentTest : public ::testing::Test {
 
   void startServer() { server_ = std::make_unique<gwtest::NotificationStandIn>(bus_.address()); }
 
-  void startAgent() {
+  // The status list comes from list_, or from the daemon when fromDaemon is set.
+  void startAgent(bool fromDaemon = false) {
     gw::agent::AgentOptions options;
     options.userName = "alice";
-    options.fetch = [this] { return list_; };
+    if (!fromDaemon) options.fetch = [this] { return list_; };
     // Only the test's requests and the first turn fetch.
     options.policy = {.idleInterval = 3600, .busyInterval = 3600, .minimumSpacing = 0};
     std::string error;
@@ -243,12 +244,7 @@ TEST_F(AgentTest, TheDaemonsStatusItemsReachTheDesktop) {
                     gw::archive::archivedDataWithRootObject(
                         gw::plist::Value::newArray({warning, blocked, unknown})));
   startServer();
-  gw::agent::AgentOptions options;
-  options.userName = "alice";
-  options.policy = {.idleInterval = 3600, .busyInterval = 3600, .minimumSpacing = 0};
-  std::string error;
-  agent_ = Agent::create(gw::runloop::currentRunLoop(), options, &error);
-  ASSERT_TRUE(agent_) << error;
+  startAgent(true);
   ASSERT_TRUE(runUntil([&] { return shownCount() == 2 && agent_->notificationsInFlight() == 0; }));
   auto shown = server_->notifications();
   EXPECT_EQ(shown[0].summary, "Warning");

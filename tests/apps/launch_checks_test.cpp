@@ -5,9 +5,11 @@
 #include <gatewise/plist.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 
 #include "support/log_capture.h"
+#include "support/process.h"
 #include "support/temp_root.h"
 #include "support/test_daemon.h"
 
@@ -125,6 +127,37 @@ TEST_F(LaunchChecksTest, TheDaemonsAnswerAndReasonArePassedThrough) {
   EXPECT_TRUE(GWIsAppAllowedToLaunch("/opt/game", 0, &reason));
   EXPECT_EQ(reason, gw::kGWLaunchDaemonNotAsked);
   EXPECT_TRUE(log_.contains("*** _GWMIGAppCanLaunch failed with error -308."));
+}
+
+TEST_F(LaunchChecksTest, CommandLineAnswersWithExitStatusAndRefusesBadInput) {
+  gwtest::RunOptions options;
+  options.environment = {{"GATEWISE_ROOT", root_.path()}};
+  writeSettings(kGWApplicationAccessDomain, Value::newDictionary({{"gatewiseEnabled", true}}));
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+  } cases[] = {
+      {{"launch-restrictions", "root"}, 0, "yes\n"},
+      {{"launch-restrictions", "0"}, 0, "yes\n"},
+      {{"launch-restrictions", "no-such-user-here"}, 2, ""},
+      {{"launch-check", "/usr/sbin/rmmod"}, 0, "allowed reason=10\n"},
+      {{"launch-check", "/opt/game", "--first", "3"}, 0, "allowed reason=8\n"},
+      {{"launch-check", "game"}, 2, ""},
+      {{"launch-check", "/opt/game", "--second", "x"}, 2, ""},
+  };
+  for (const Case& c : cases) {
+    gwtest::RunResult run = gwtest::runCli(c.args, options);
+    EXPECT_EQ(run.status, c.status) << c.args[1] << run.err;
+    EXPECT_EQ(run.out, c.out) << c.args[1];
+    if (c.status == 2) {
+      EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1);
+    }
+  }
+  writeSettings(kGWApplicationAccessDomain, Value::newDictionary({{"gatewiseEnabled", false}}));
+  gwtest::RunResult run = gwtest::runCli({"launch-restrictions", "root"}, options);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.out, "no\n");
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include "platform/codesign/certificate.h"
 #include "platform/codesign/requirement_blob.h"
 #include "support/log_capture.h"
+#include "support/logind_standin.h"
 #include "support/process.h"
 #include "support/temp_root.h"
 
@@ -27,22 +28,22 @@ namespace {
 
 using gw::plist::Data;
 
+// An application bundle "com.example.editor" in /Applications; returns its path.
+std::string writeEditorApp(const gwtest::TempRoot& root) {
+  root.writeFile("/Applications/Editor.app/Contents/Info.plist",
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                 "<key>CFBundleIdentifier</key><string>com.example.editor</string>"
+                 "<key>CFBundleExecutable</key><string>Editor</string></dict></plist>\n");
+  root.writeFile("/Applications/Editor.app/Contents/MacOS/Editor", "binary");
+  return root.at("/Applications/Editor.app");
+}
+
 class SigningTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* previous = std::getenv("XDG_DATA_HOME");
-    hadDataHome_ = previous != nullptr;
-    if (hadDataHome_) previousDataHome_ = previous;
-    ::setenv("XDG_DATA_HOME", root_.at("/home/data").c_str(), 1);
     ::unsetenv("GATEWISE_BOOTSTRAP_DIR");
     root_.makeFolder("/tmp");
     program_ = root_.writeFile("/Applications/tool", "#!/bin/sh\necho hello\n");
-  }
-  void TearDown() override {
-    if (hadDataHome_)
-      ::setenv("XDG_DATA_HOME", previousDataHome_.c_str(), 1);
-    else
-      ::unsetenv("XDG_DATA_HOME");
   }
 
   // Whether the temporary root's file system keeps our signature attribute.
@@ -64,9 +65,8 @@ class SigningTest : public ::testing::Test {
   bool tmpIsEmpty() { return std::filesystem::is_empty(root_.at("/tmp")); }
 
   gwtest::TempRoot root_;
+  gwtest::ScopedEnvironment dataHome_{"XDG_DATA_HOME", root_.at("/home/data").c_str()};
   std::string program_;
-  bool hadDataHome_ = false;
-  std::string previousDataHome_;
 };
 
 TEST_F(SigningTest, TemporaryKeychainHoldsACodeSigningIdentity) {
@@ -285,13 +285,7 @@ TEST_F(SigningTest, MakerRequirementNeedsTheConfiguredAnchor) {
 }
 
 TEST_F(SigningTest, DetachedSignatureIsFoundInTheManagedWhiteList) {
-  std::string bundle = root_.makeFolder("/Applications/Editor.app/Contents/MacOS");
-  root_.writeFile("/Applications/Editor.app/Contents/Info.plist",
-                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                  "<key>CFBundleIdentifier</key><string>com.example.editor</string>"
-                  "<key>CFBundleExecutable</key><string>Editor</string></dict></plist>\n");
-  root_.writeFile("/Applications/Editor.app/Contents/MacOS/Editor", "binary");
-  std::string app = root_.at("/Applications/Editor.app");
+  std::string app = writeEditorApp(root_);
   EXPECT_FALSE(GWCopyDetachedSignature(app, "kim")) << "no managed file";
   root_.writeFile("/Library/Managed Preferences/kim/com.morvane.applicationaccess.new.plist",
                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
@@ -354,14 +348,9 @@ namespace {
 TEST(SigningBundleTest, BundleSignatureCoversEveryFileInside) {
   gwtest::TempRoot root;
   root.makeFolder("/tmp");
-  root.writeFile("/Applications/Editor.app/Contents/Info.plist",
-                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                 "<key>CFBundleIdentifier</key><string>com.example.editor</string>"
-                 "<key>CFBundleExecutable</key><string>Editor</string></dict></plist>\n");
-  root.writeFile("/Applications/Editor.app/Contents/MacOS/Editor", "binary");
+  std::string app = writeEditorApp(root);
   std::string resource =
       root.writeFile("/Applications/Editor.app/Contents/Resources/en.lproj/Main.strings", "a");
-  std::string app = root.at("/Applications/Editor.app");
   std::optional<Data> signature;
   ASSERT_TRUE(GWCreateAppSignature(app, nullptr, &signature, true));
   std::optional<Data> requirement =

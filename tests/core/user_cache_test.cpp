@@ -22,6 +22,16 @@ gw::plist::DictionaryRef cachedUnderLock(uid_t uid) {
   return CachedUserDictionaryForUID(uid);
 }
 
+// Whether the cache of 501 stops being `cached` within ten seconds, with nobody running the loop.
+bool dropsWithoutTheLoop(const gw::plist::DictionaryRef& cached) {
+  auto deadline = std::chrono::steady_clock::now() + 10s;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (cachedUnderLock(501) != cached) return true;
+    std::this_thread::sleep_for(5ms);  // waiting for the bus to forward the notification
+  }
+  return false;
+}
+
 TEST(UserCacheTest, ChangeNotificationDropsTheCacheAndTheNextCallRebuildsIt) {
   gwtest::sharedPrivateBus();  // before the first call registers the observer
   gw::plist::DictionaryRef first = cachedUnderLock(501);
@@ -50,13 +60,7 @@ TEST(UserCacheTest, ChangeNotificationDropsTheCacheAndTheNextCallRebuildsIt) {
   // Without anyone running the loop: the cache call drains the arrived notification itself,
   // under the lock its caller holds, without deadlocking on it.
   ASSERT_TRUE(gw::notify::postNotification(kGWManagementStatusChangedNotification, "any"));
-  bool dropped = false;
-  deadline = std::chrono::steady_clock::now() + 10s;
-  while (!dropped && std::chrono::steady_clock::now() < deadline) {
-    dropped = cachedUnderLock(501) != rebuilt;
-    if (!dropped) std::this_thread::sleep_for(5ms);  // waiting for the bus to forward it
-  }
-  EXPECT_TRUE(dropped);
+  EXPECT_TRUE(dropsWithoutTheLoop(rebuilt));
 }
 
 TEST(UserCacheTest, BusDownAtTheFirstUseIsRetriedOnTheNext) {
@@ -73,13 +77,7 @@ TEST(UserCacheTest, BusDownAtTheFirstUseIsRetriedOnTheNext) {
   EXPECT_EQ(cached->find("userName")->string(), "bob");  // the cache itself served throughout
   ASSERT_TRUE(gw::accounts::changeObserverRegistered());
   ASSERT_TRUE(gw::notify::postNotification(kGWManagementStatusChangedNotification, "any"));
-  bool dropped = false;
-  auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!dropped && std::chrono::steady_clock::now() < deadline) {
-    dropped = cachedUnderLock(501) != cached;
-    if (!dropped) std::this_thread::sleep_for(5ms);  // waiting for the bus to forward it
-  }
-  EXPECT_TRUE(dropped);
+  EXPECT_TRUE(dropsWithoutTheLoop(cached));
 }
 
 TEST(UserCacheTest, SpinLockKnowsItsHolder) {

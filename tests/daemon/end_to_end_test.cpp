@@ -327,4 +327,16 @@ TEST_F(DaemonEndToEndTest, HostileLimitsAreLoggedAndLeaveTheUserFree) {
   EXPECT_TRUE(waitForLog("Ignoring the time limits of alice"));
 }
 
+TEST_F(DaemonEndToEndTest, RewrittenLimitsAnswerTheVeryNextQuestion) {
+  setLimits("bob", timeLimits({}, {{3600, 0, 6}}));
+  setTime("2026-01-05 10:00:00");
+  startDaemon();
+  // Sizes differ from one file to the next: under faketime a file's times stand still.
+  for (int seconds : {3600, 36000, 1800}) {
+    setLimits("bob", timeLimits({}, {{seconds, 0, 6}}));
+    EXPECT_EQ(askLogin(kBob).seconds, seconds);
+    EXPECT_EQ(askLogin(kBob).seconds, seconds);  // and again, from what it read
+  }
+}
+
 }  // namespace

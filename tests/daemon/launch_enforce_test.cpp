@@ -12,9 +12,11 @@
 #include <poll.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 
 #include "daemon/enforce/launch_enforcer.h"
@@ -107,7 +109,7 @@ TEST_F(LaunchEnforceTest, AManagedUsersProcessIsRefusedWhatIsOffTheWhiteList) {
   std::unique_ptr<gw::daemon::Manager> manager =
       gw::daemon::Manager::create(std::move(options), &error);
   ASSERT_TRUE(manager) << error;
-  if (!manager->apps().enforce({}, {allowed_, denied_}, &error)) {
+  if (!manager->apps().enforce({}, {allowed_, denied_}, false, &error)) {
     GTEST_SKIP() << "fanotify is not available here: " << error;
   }
   sd_event* loop = manager->loop();
@@ -127,6 +129,41 @@ TEST_F(LaunchEnforceTest, AManagedUsersProcessIsRefusedWhatIsOffTheWhiteList) {
   ASSERT_EQ(items.size(), 1u);
   EXPECT_EQ(items[0].statusKind, gw::kGWStatusKindBlacklisted);
   EXPECT_EQ(items[0].itemName, "denied");
+}
+
+TEST_F(LaunchEnforceTest, AMarkedMountOfTheTestsOwnIsEnforcedWhole) {
+  std::string mount = root_.makeFolder("/mnt");
+  if (::mount("gatewise-test", mount.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755") != 0) {
+    GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+  }
+  // Unmounted however the test ends.
+  struct Unmount {
+    std::string path;
+    ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+  } unmount{mount};
+  std::string inside = mount + "/program";
+  std::filesystem::copy_file("/bin/true", inside);
+  ::chmod(inside.c_str(), 0755);
+  root_.writeFile(
+      "/Library/Managed Preferences/" + name_ + "/" + kGWApplicationAccessDomain + ".plist",
+      *gw::plist::writePropertyList(Value::newDictionary({{"gatewiseEnabled", true}}),
+                                    gw::plist::Format::XML));
+  {
+    gw::daemon::ManagerOptions options;
+    options.serve = false;
+    options.databasePath = gw::daemon::defaultUsageDatabasePath();
+    options.clock = std::make_shared<gw::daemon::ManualClock>(gw::plist::Date::now());
+    std::string error;
+    auto manager = gw::daemon::Manager::create(std::move(options), &error);
+    ASSERT_TRUE(manager) << error;
+    if (manager->apps().enforce({mount}, {}, false, &error)) {
+      EXPECT_EQ(waitFor(start(inside, kUid, gid_), manager->loop()), kExecRefused);
+      EXPECT_EQ(waitFor(start(allowed_, kUid, gid_), manager->loop()), 0);  // not on the mount
+      EXPECT_EQ(manager->apps().enforcer()->answered(), 1u);
+    } else {
+      ADD_FAILURE() << error;
+    }
+  }
 }
 
 TEST_F(LaunchEnforceTest, ExecsHeldByAKilledEnforcerGoThrough) {

@@ -84,7 +84,6 @@ TEST_F(AllowanceTest, WrapsItsOwnCopyOfTheStoredDictionary) {
   allowance->setTag(7);
   EXPECT_FALSE(stored.dictionary()->contains("tag"));
   EXPECT_EQ(allowance->plistRepresentation()->get("color"), plist::Value("red"));
-  EXPECT_EQ(allowance->tag(), 7);
   std::string text = allowance->description();
   EXPECT_EQ(text, "\n\t\tAllowance: 3600 seconds\n\t\tFrom: 0\n\t\tTo: 6\n\t\tSpan: Weekly\n");
   EXPECT_EQ(GWAllowance::allowanceWithDictionary(plist::Value()), nullptr);

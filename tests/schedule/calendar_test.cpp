@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <optional>
 #include <string>
 
 #include "schedule/calendar/week_data.h"
 #include "support/log_capture.h"
+#include "support/logind_standin.h"
 
 namespace gw {
 namespace {
@@ -83,29 +83,15 @@ TEST_F(WeekCalendarTest, MissingWeekDataLogsAndFallsBackToMondayAndSaturday) {
 }
 
 TEST_F(WeekCalendarTest, ProcessLocaleComesFromLcTimeBeforeLang) {
-  struct Saved {
-    const char* name;
-    std::optional<std::string> value;
-  } saved[] = {{"LC_ALL", {}}, {"LC_TIME", {}}, {"LANG", {}}};
-  for (Saved& s : saved) {
-    if (const char* v = ::getenv(s.name)) s.value = v;
-  }
-  ::unsetenv("LC_ALL");
-  ::setenv("LC_TIME", "he_IL.UTF-8", 1);
-  ::setenv("LANG", "en_US.UTF-8", 1);
+  gwtest::ScopedEnvironment all("LC_ALL", "");  // empty counts as unset
+  gwtest::ScopedEnvironment time("LC_TIME", "he_IL.UTF-8");
+  gwtest::ScopedEnvironment lang("LANG", "en_US.UTF-8");
   setWeekDataLocale("");
   EXPECT_EQ(weekDataLocale(), "he_IL");
   EXPECT_EQ(GWFirstWeekday(), 6);
   ::setenv("LC_ALL", "C", 1);
   setWeekDataLocale("");
   EXPECT_EQ(GWFirstWeekday(), 0);
-  for (const Saved& s : saved) {
-    if (s.value) {
-      ::setenv(s.name, s.value->c_str(), 1);
-    } else {
-      ::unsetenv(s.name);
-    }
-  }
 }
 
 }  // namespace

@@ -150,13 +150,11 @@ TEST(LimitItemTest, FactoriesSetTheirKindsAndFixedIdentifiers) {
   EXPECT_TRUE(computer->isComputer());
   EXPECT_FALSE(computer->enabled());
   EXPECT_TRUE(computer->allowancesActive());
-  EXPECT_EQ(computer->name(), "Computer");
   computer->setGroupID("something else");
   EXPECT_EQ(computer->uniqueID(), "__COMPUTER__");
 
   GWLimitItemRef games = GWLimitItem::gamesGroup();
   EXPECT_TRUE(games->isGamesGroup());
-  EXPECT_EQ(games->name(), "Games");
   EXPECT_EQ(games->uniqueID(), "__GAMES__");
 
   GWLimitItemRef a = GWLimitItem::groupWithName("A");
@@ -209,11 +207,7 @@ TEST(LimitItemTest, ListAndScheduleTexts) {
   EXPECT_EQ(computer->listDescription(), "");
   computer->setWeekdayAllowanceSeconds(7200);
   EXPECT_EQ(computer->briefDescription(), "Allowances set");
-  ASSERT_TRUE(computer->weekdayAllowance());
-  EXPECT_EQ(computer->weekdayAllowance()->timeLimitSeconds(), 7200);
-  EXPECT_FALSE(computer->weekendAllowance());
   computer->removeWeekdayAllowance();
-  EXPECT_FALSE(computer->weekdayAllowance());
 
   // Curfews without allowances have no wording: the schedule text is empty, not "No schedule".
   GWCurfewsRef curfews = GWCurfews::curfews();

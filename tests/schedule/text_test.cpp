@@ -3,13 +3,13 @@
 #include <gatewise/schedule/text.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <sstream>
 
 #include "schedule/text/string_table.h"
 #include "support/log_capture.h"
+#include "support/logind_standin.h"
 #include "support/temp_root.h"
 
 namespace gw {
@@ -18,22 +18,9 @@ namespace {
 namespace U = GWUtilities;
 
 // Points the library's resource folder at `folder` for one test.
-class ScopedResourceFolder {
- public:
-  explicit ScopedResourceFolder(const std::string& folder) {
-    if (const char* value = ::getenv("GATEWISE_RESOURCE_DIR")) previous_ = value;
-    ::setenv("GATEWISE_RESOURCE_DIR", folder.c_str(), 1);
-  }
-  ~ScopedResourceFolder() {
-    if (previous_.empty()) {
-      ::unsetenv("GATEWISE_RESOURCE_DIR");
-    } else {
-      ::setenv("GATEWISE_RESOURCE_DIR", previous_.c_str(), 1);
-    }
-  }
-
- private:
-  std::string previous_;
+struct ScopedResourceFolder : gwtest::ScopedEnvironment {
+  explicit ScopedResourceFolder(const std::string& folder)
+      : ScopedEnvironment("GATEWISE_RESOURCE_DIR", folder.c_str()) {}
 };
 
 class DurationTextTest : public ::testing::Test {

@@ -3,6 +3,8 @@
 #include <gatewise/format.h>
 #include <gatewise/log.h>
 
+#include "apps/dictionary_fields.h"
+
 namespace gw {
 
 GWAppRef GWApp::initWithDictionary(const plist::Value& dictionary) {
@@ -65,37 +67,19 @@ int GWApp::compare(const GWApp& other) const {
 }
 
 std::optional<std::string> GWApp::string(const char* key) const {
-  const std::string* text = _dictionary->get(key).ifString();
-  return text ? std::optional<std::string>(*text) : std::nullopt;
+  return apps::stringField(*_dictionary, key);
 }
 
 void GWApp::setString(const char* key, std::optional<std::string> value) {
-  try {
-    if (value) {
-      _dictionary->set(key, std::move(*value));
-    } else {
-      _dictionary->remove(key);
-    }
-  } catch (const std::exception& e) {
-    GW_LOG_CAUGHT(e);  // an immutable copy
-  }
+  apps::setField(*_dictionary, key, std::move(value));
 }
 
 std::optional<plist::Data> GWApp::data(const char* key) const {
-  const plist::Value& value = _dictionary->get(key);
-  return value.isData() ? std::optional<plist::Data>(value.data()) : std::nullopt;
+  return apps::dataField(*_dictionary, key);
 }
 
 void GWApp::setData(const char* key, std::optional<plist::Data> value) {
-  try {
-    if (value) {
-      _dictionary->set(key, std::move(*value));
-    } else {
-      _dictionary->remove(key);
-    }
-  } catch (const std::exception& e) {
-    GW_LOG_CAUGHT(e);  // an immutable copy
-  }
+  apps::setField(*_dictionary, key, std::move(value));
 }
 
 GWAppRef GWApp::copy() const {

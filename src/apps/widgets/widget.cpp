@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "apps/dictionary_fields.h"
 #include "platform/bundle/bundle.h"
 
 namespace gw {
@@ -77,8 +78,7 @@ std::vector<GWWidgetRef> GWWidget::installedWidgets() {
 }
 
 std::optional<plist::Data> GWWidget::widgetID() const {
-  const plist::Value& value = _dictionary->get("widgetID");
-  return value.isData() ? std::optional<plist::Data>(value.data()) : std::nullopt;
+  return apps::dataField(*_dictionary, "widgetID");
 }
 
 std::string GWWidget::description() const { return path().value_or("(null)"); }
@@ -99,33 +99,15 @@ GWWidgetRef GWWidget::mutableCopy() const {
 }
 
 std::optional<std::string> GWWidget::string(const char* key) const {
-  const std::string* text = _dictionary->get(key).ifString();
-  return text ? std::optional<std::string>(*text) : std::nullopt;
+  return apps::stringField(*_dictionary, key);
 }
 
-// Setters on an immutable copy change nothing; the refusal is logged.
 void GWWidget::setString(const char* key, std::optional<std::string> value) {
-  try {
-    if (value) {
-      _dictionary->set(key, std::move(*value));
-    } else {
-      _dictionary->remove(key);
-    }
-  } catch (const std::exception& e) {
-    GW_LOG_CAUGHT(e);
-  }
+  apps::setField(*_dictionary, key, std::move(value));
 }
 
 void GWWidget::setData(const char* key, std::optional<plist::Data> value) {
-  try {
-    if (value) {
-      _dictionary->set(key, std::move(*value));
-    } else {
-      _dictionary->remove(key);
-    }
-  } catch (const std::exception& e) {
-    GW_LOG_CAUGHT(e);
-  }
+  apps::setField(*_dictionary, key, std::move(value));
 }
 
 }  // namespace gw

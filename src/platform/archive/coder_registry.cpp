@@ -5,6 +5,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "platform/archive/archive_layout.h"
+
 namespace gw::archive {
 namespace {
 
@@ -44,6 +46,36 @@ std::shared_ptr<const ClassCoder> coderForClassName(std::string_view className) 
   std::lock_guard lock(r.mutex);
   auto found = r.byName.find(className);
   return found == r.byName.end() ? nullptr : found->second;
+}
+
+}  // namespace gw::archive
+
+namespace gw::archive {
+
+std::string className(const plist::Value& value) {
+  switch (value.type()) {
+    case plist::Type::Array:
+      return std::string(layout::kArrayClass);
+    case plist::Type::Dictionary:
+      return std::string(layout::kDictionaryClass);
+    case plist::Type::String:
+      return "NSString";
+    case plist::Type::Data:
+      return "NSData";
+    case plist::Type::Date:
+      return "NSDate";
+    case plist::Type::Boolean:
+    case plist::Type::Integer:
+    case plist::Type::Real:
+      return "NSNumber";
+    case plist::Type::Object: {
+      if (!value.object()) return "nil";
+      auto coder = coderForType(std::type_index(typeid(*value.object())));
+      return coder ? coder->className : typeid(*value.object()).name();
+    }
+    default:
+      return "nil";
+  }
 }
 
 }  // namespace gw::archive

@@ -124,28 +124,31 @@ class BinaryWriter {
     std::size_t nodes = 0;
     std::size_t references = 0;
     countNodes(top, nodes, references);
+    std::unordered_set<const void*>().swap(counted_);
     objects_.reserve(nodes);
     refs_.reserve(references);
     slots_.assign(std::bit_ceil(std::max<std::size_t>(2 * nodes, 64)), Slot{});
     flatten(top);
+    // The unique table has done its work: give its memory back before the output grows.
+    std::vector<Slot>().swap(slots_);
     refSize_ = widthFor(objects_.size());
 
     const std::size_t start = out_.size();
     out_.reserve(start + kHeaderSize + objects_.size() * 10 + refs_.size() * refSize_ +
                  payloadBytes_ + kTrailerSize);
     out_.append(kMagic, kHeaderSize);
-    std::vector<std::uint64_t> offsets;
-    offsets.reserve(objects_.size());
-    for (const Object& o : objects_) {
-      offsets.push_back(out_.size() - start);
+    // A written object's entry is not needed again: it keeps the object's offset instead.
+    for (Object& o : objects_) {
+      const std::uint64_t offset = out_.size() - start;
       writeObject(o);
+      o.bits = offset;
     }
 
     const std::uint64_t offsetTable = out_.size() - start;
     const unsigned offsetSize = widthFor(offsetTable);
-    std::uint8_t* p = grow(offsets.size() * offsetSize + kTrailerSize);
-    for (std::uint64_t offset : offsets) {
-      writeBigEndian(p, offset, offsetSize);
+    std::uint8_t* p = grow(objects_.size() * offsetSize + kTrailerSize);
+    for (const Object& o : objects_) {
+      writeBigEndian(p, o.bits, offsetSize);
       p += offsetSize;
     }
     std::memset(p, 0, kTrailerSize);

@@ -1,5 +1,6 @@
 // The editor's half of the managed bookmarks: reading a user's bookmark file through the daemon
 // and asking the daemon to write one. Both look the daemon up afresh on each call.
+#include <gatewise/archive.h>
 #include <gatewise/bookmarks.h>
 #include <gatewise/core.h>
 #include <gatewise/ipc.h>
@@ -56,28 +57,6 @@ mach_port_t lookUpDaemon() {
 
 vm_offset_t addressOf(const void* bytes) { return reinterpret_cast<vm_offset_t>(bytes); }
 
-// The class a property-list value would have, for the message about an unexpected reply.
-const char* className(const plist::Value& v) {
-  switch (v.type()) {
-    case plist::Type::Array:
-      return "NSArray";
-    case plist::Type::String:
-      return "NSString";
-    case plist::Type::Data:
-      return "NSData";
-    case plist::Type::Date:
-      return "NSDate";
-    case plist::Type::Boolean:
-    case plist::Type::Integer:
-    case plist::Type::Real:
-      return "NSNumber";
-    case plist::Type::Dictionary:
-      return "NSDictionary";
-    default:
-      return "NSObject";
-  }
-}
-
 plist::DictionaryRef copyExistingBookmarks(const char* fn, std::optional<std::string_view> userName,
                                            const std::optional<plist::Data>& authData) {
   CALL_LOG(2, "Enter");
@@ -114,7 +93,7 @@ plist::DictionaryRef copyExistingBookmarks(const char* fn, std::optional<std::st
   }
   if (!read.value->isDictionary()) {
     CALL_LOG(0, "*** _GWMIGLumewayReadExistingBookmarks returned invalid object type: %@",
-             className(*read.value));
+             archive::className(*read.value));
     return nullptr;
   }
   return read.value->dictionary();

@@ -48,18 +48,15 @@ TEST(DirectoryRecordsTest, ManagedUsersBeginWithTheDeclarationIgnoringCase) {
   gwtest::TempRoot root;
   gwtest::LogCapture log(0);
   const std::string body = "\n<plist version=\"1.0\"><dict/></plist>";
-  writeRecord(
-      root, "alice.plist",
-      recordXML("alice", "Alice L", ("<?xml version=\"1.0\" encoding=\"UTF-8\"?>" + body).c_str()));
-  writeRecord(
-      root, "bob.plist",
-      recordXML("bob", "Bob", ("<?XML VERSION=\"1.0\" encoding=\"utf-8\"?>" + body).c_str()));
-  writeRecord(
-      root, "carol.plist",
-      recordXML("carol", "Carol", ("<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + body).c_str()));
-  writeRecord(
-      root, "dave.plist",
-      recordXML("dave", "Dave", (" <?xml version=\"1.0\" encoding=\"UTF-8\"?>" + body).c_str()));
+  const std::pair<const char*, const char*> declarations[] = {
+      {"alice", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"},
+      {"bob", "<?XML VERSION=\"1.0\" encoding=\"utf-8\"?>"},
+      {"carol", "<?xml version=\"1.0\" encoding=\"UTF-16\"?>"},
+      {"dave", " <?xml version=\"1.0\" encoding=\"UTF-8\"?>"}};
+  for (auto [name, declaration] : declarations) {
+    writeRecord(root, std::string(name) + ".plist",
+                recordXML(name, name, (declaration + body).c_str()));
+  }
   writeRecord(root, "erin.plist", recordXML("erin", "Erin", nullptr));
   writeRecord(root, "broken.plist", "<plist><dict><key>name</key>");
   writeRecord(root, "flat.plist",
