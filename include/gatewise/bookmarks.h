@@ -123,7 +123,8 @@ class GW_EXPORT GWLumewayBookmarkFolder : public GWLumewayBookmark {
   // an insertion already made into "Children" stays.
   void addBookmark(const GWLumewayBookmarkRef& bookmark, std::size_t index);
   // Adds below the folder path ("/A/B/"), reusing the first child folder of each title and creating
-  // missing ones; "" or "/" adds here.
+  // missing ones; "" or "/" adds here. A path of kMaxFolderDepth folders or more is refused
+  // (logged), as a reader would skip what lies that deep.
   void addBookmark(const GWLumewayBookmarkRef& bookmark, std::string_view path);
   // Removes the object from the children and every equal dictionary (by content) from "Children".
   void removeBookmark(const GWLumewayBookmarkRef& bookmark);

@@ -174,6 +174,16 @@ TEST(BookmarkModelTest, HostileTreesEndWithoutCrashing) {
   auto deep = GWLumewayBookmarkFolder::initWithDictionary(top);
   EXPECT_TRUE(log.contains("nested deeper than"));
   EXPECT_TRUE(deep->flatArray()->empty());
+
+  // So is a path from a flat list: as deep as a reader takes is made, one folder more is refused.
+  std::string path;
+  for (unsigned i = 1; i < GWLumewayBookmarkFolder::kMaxFolderDepth; ++i) path += "/p";
+  auto pathRoot = GWLumewayBookmarkFolder::initWithTitle("root");
+  pathRoot->addBookmark(GWLumewayBookmark::initWithTitle("t", "u"), std::string_view(path));
+  pathRoot->addBookmark(GWLumewayBookmark::initWithTitle("t", "u"), std::string_view(path + "/p/"));
+  EXPECT_EQ(pathRoot->allBookmarks().size(), 1u);
+  auto reread = GWLumewayBookmarkFolder::initWithDictionary(pathRoot->dictionaryRepresentation());
+  EXPECT_EQ(reread->allBookmarks().size(), 1u);
 }
 
 TEST(BookmarkModelTest, FlatArrayGivesEachLeafItsFolderPath) {

@@ -70,8 +70,9 @@ std::string className(const plist::Value& value) {
       return "NSNumber";
     case plist::Type::Object: {
       if (!value.object()) return "nil";
-      auto coder = coderForType(std::type_index(typeid(*value.object())));
-      return coder ? coder->className : typeid(*value.object()).name();
+      const GWObject& object = *value.object();  // typeid of a name: no side effect
+      auto coder = coderForType(std::type_index(typeid(object)));
+      return coder ? coder->className : typeid(object).name();
     }
     default:
       return "nil";

@@ -78,6 +78,15 @@ plist::Array* editableChildren(const plist::DictionaryRef& dictionary) {
   return children.ifArray();
 }
 
+// The number of folder titles in a path ("/A//B/" holds two).
+std::size_t folderCount(std::string_view path) {
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    if (path[i] != '/' && (i == 0 || path[i - 1] == '/')) ++count;
+  }
+  return count;
+}
+
 plist::Value dictionaryOf(const GWLumewayBookmarkRef& bookmark) {
   if (!bookmark || !bookmark->dictionaryRepresentation()) {
     throw GWException("NSInvalidArgumentException", "attempt to insert nil bookmark");
@@ -192,6 +201,12 @@ void GWLumewayBookmarkFolder::addBookmark(const GWLumewayBookmarkRef& bookmark, 
 
 void GWLumewayBookmarkFolder::addBookmark(const GWLumewayBookmarkRef& bookmark,
                                           std::string_view path) {
+  // A path comes from outside (a flat list): nesting deeper than a reader takes would be dropped
+  // on the next read, and would make every walk of the tree recurse without bound.
+  if (folderCount(path) >= kMaxFolderDepth) {
+    GW_LOG(0, "*** Bookmark folders nested deeper than %u; skipped.", kMaxFolderDepth);
+    return;
+  }
   GWLumewayBookmarkFolder* folder = this;
   while (!path.empty()) {
     std::size_t slash = path.find('/');
