@@ -42,7 +42,10 @@ bool signalProgram(pid_t pid, uid_t uid, const std::string& path, int signal) {
   char folder[32];
   std::snprintf(folder, sizeof folder, "/proc/%d", int(pid));
   struct stat st {};
-  if (::stat(folder, &st) != 0 || st.st_uid != uid || executableOf(pid) != path) return false;
+  if (::stat(folder, &st) != 0 || st.st_uid != uid) return false;
+  // A program replaced on disk while it runs (an update) still counts as itself.
+  std::string running = executableOf(pid);
+  if (running != path && running != path + " (deleted)") return false;
   return ::syscall(SYS_pidfd_send_signal, pidfd.get(), signal, nullptr, 0) == 0;
 }
 
