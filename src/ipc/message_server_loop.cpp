@@ -88,10 +88,13 @@ void MessageServer::Loop::watch(int fd, std::uint32_t events, int op) {
 
 void MessageServer::Loop::handle(const epoll_event* events, int count) {
   ++counters_.loopWakeups;
+  // Connections already held go first: a request whose bytes came before a newer connection was
+  // made is served before that connection's.
+  bool listenerReady = false;
   for (int i = 0; i < count; ++i) {
     int fd = events[i].data.fd;
     if (fd == server_.listener_.get()) {
-      accept();
+      listenerReady = true;
       continue;
     }
     if (fd == server_.wake_.get()) {
@@ -115,6 +118,7 @@ void MessageServer::Loop::handle(const epoll_event* events, int count) {
       close(fd);
     }
   }
+  if (listenerReady) accept();
 }
 
 void MessageServer::Loop::acceptWaiting() {
@@ -144,10 +148,16 @@ void MessageServer::Loop::accept() {
     } catch (const std::exception& e) {  // std::bad_alloc above all: drop this one, serve on
       GW_LOG_CAUGHT(e);
     }
-    if (taken) {
-      ++count;
-    } else {
+    if (!taken) {
       arrival = {};  // closes it
+      continue;
+    }
+    ++count;
+    // Requests are served in the order their connections came: one that is not all there yet
+    // ends the sweep, so no later connection's request is served before it.
+    if (frameState(firstBytes_.data() + (count - 1) * kFreeBytes, arrival.size) !=
+        Frame::Complete) {
+      break;
     }
   }
   ++readGeneration_;
