@@ -216,8 +216,20 @@ void Manager::sessionsChanged(uid_t uid) {
   user->counting = s.counting;
   GW_LOG(1, "Sessions of %s changed: %s", user->name.c_str(),
          s.counting ? "counting" : (s.loggedIn ? "idle" : "logged out"));
+  followPrograms();
   update(*user, now);
   armTimer();
+}
+
+// Process events are followed only while a tracked user is logged in; with nobody there the daemon
+// stays asleep.
+void Manager::followPrograms() {
+  if (!programWatch_) return;
+  bool anyoneLoggedIn = false;
+  for (const auto& [uid, user] : users_) {
+    anyoneLoggedIn = anyoneLoggedIn || (monitor_ && monitor_->sessionsOf(uid).loggedIn);
+  }
+  programWatch_->setListening(anyoneLoggedIn);
 }
 
 void Manager::programsChanged(uid_t uid) {
@@ -394,6 +406,7 @@ bool Manager::isManaged(uid_t uid) const {
 void Manager::refresh() {
   plist::Date now = options_.clock->wallNow();
   for (auto& [uid, user] : users_) update(user, now);
+  followPrograms();
   std::uint64_t monotonic = options_.clock->monotonicMicroseconds();
   events_->maybePrune(now, monotonic);
   if (nextFlush_ && monotonic >= *nextFlush_) {

@@ -143,6 +143,7 @@ class Manager {
   User* userFor(uid_t uid);
   void trackManagedUsers();
   void sessionsChanged(uid_t uid);
+  void followPrograms();
   void programsChanged(uid_t uid);
   void book(User& user, plist::Date now, const ComputerLimit* limit);
   Decision decisionFor(User& user, const ComputerLimit* limit, plist::Date now);

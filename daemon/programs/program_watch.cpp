@@ -50,6 +50,7 @@ ProgramWatch::~ProgramWatch() { sd_event_source_disable_unref(source_); }
 
 std::unique_ptr<ProgramWatch> ProgramWatch::start(sd_event* loop, Wanted wanted, Changed changed) {
   auto watch = std::make_unique<ProgramWatch>(std::move(wanted), std::move(changed));
+  watch->loop_ = loop;
   if (watch->connect(loop)) {
     watch->rescan();
   } else {
@@ -79,6 +80,17 @@ bool ProgramWatch::connect(sd_event* loop) {
     return false;
   }
   return true;
+}
+
+void ProgramWatch::setListening(bool on) {
+  if (!loop_ || on == (source_ != nullptr)) return;
+  if (!on) {
+    source_ = sd_event_source_disable_unref(source_);
+    socket_ = fs::UniqueFd();
+    processes_.clear();
+    return;
+  }
+  if (connect(loop_)) rescan();
 }
 
 int ProgramWatch::onMessage(sd_event_source*, int fd, uint32_t, void* self) {

@@ -51,6 +51,10 @@ class ProgramWatch {
   // The programs uid runs now.
   std::vector<RunningProgram> programsOf(uid_t uid) const;
   bool connected() const { return source_ != nullptr; }
+  // Follows the kernel's process events only while someone is logged in: with nobody there, the
+  // daemon is not woken by every exec on the machine. Turning on reads /proc afresh. A watch made
+  // for tests (no loop) ignores this.
+  void setListening(bool on);
 
   void execed(pid_t pid, uid_t uid, std::string path);
   void exited(pid_t pid);
@@ -70,6 +74,7 @@ class ProgramWatch {
   Wanted wanted_;
   Changed changed_;
   fs::UniqueFd socket_;
+  sd_event* loop_ = nullptr;  // set by start(): the watch may connect and disconnect
   sd_event_source* source_ = nullptr;
   std::map<pid_t, Process> processes_;
   bool warnedFull_ = false;
