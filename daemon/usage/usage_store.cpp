@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 
 #include "daemon/usage/sqlite_statement.h"
 #include "platform/fs/root.h"
@@ -40,6 +41,16 @@ sqlite3* openFile(const std::string& path, int flags) {
   }
   sqlite3_busy_timeout(db, 2000);
   return db;
+}
+
+// The used and curfew-used seconds of a one-row query; zeros when there is no row.
+DayUsage readDayUsage(sqlite3_stmt* q) {
+  DayUsage usage;
+  if (sqlite3_step(q) == SQLITE_ROW) {
+    usage.used = sqlite3_column_double(q, 0);
+    usage.curfewUsed = sqlite3_column_double(q, 1);
+  }
+  return usage;
 }
 
 }  // namespace
@@ -144,52 +155,47 @@ bool UsageStore::prepareSchema(std::string* error) {
 
 DayUsage UsageStore::usageOn(uid_t uid, const std::string& day) const {
   Statement q(db_, "SELECT used, curfew_used FROM usage WHERE uid = ?1 AND day = ?2");
-  DayUsage usage;
-  if (!q) return usage;
+  if (!q) return {};
   sqlite3_bind_int64(q.get(), 1, uid);
   sqlite3_bind_text(q.get(), 2, day.c_str(), int(day.size()), SQLITE_TRANSIENT);
-  if (sqlite3_step(q.get()) == SQLITE_ROW) {
-    usage.used = sqlite3_column_double(q.get(), 0);
-    usage.curfewUsed = sqlite3_column_double(q.get(), 1);
-  }
-  return usage;
+  return readDayUsage(q.get());
 }
 
 bool UsageStore::add(const std::vector<UsageDelta>& deltas) {
   if (deltas.empty()) return true;
-  if (!execute("BEGIN IMMEDIATE")) return false;
-  Statement upsert(db_,
-                   "INSERT INTO usage(uid, day, used, curfew_used) VALUES(?1, ?2, ?3, ?4)"
-                   " ON CONFLICT(uid, day) DO UPDATE SET used = used + ?3,"
-                   " curfew_used = curfew_used + ?4");
-  bool ok = bool(upsert);
-  for (const UsageDelta& d : deltas) {
-    if (!ok) break;
-    sqlite3_reset(upsert.get());
-    sqlite3_bind_int64(upsert.get(), 1, d.uid);
-    sqlite3_bind_text(upsert.get(), 2, d.day.c_str(), int(d.day.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_double(upsert.get(), 3, d.add.used);
-    sqlite3_bind_double(upsert.get(), 4, d.add.curfewUsed);
-    ok = sqlite3_step(upsert.get()) == SQLITE_DONE;
-  }
-  if (!ok) {
-    GW_LOG(0, "*** usage database: %s", sqlite3_errmsg(db_));
-    execute("ROLLBACK");
-    return false;
-  }
-  return execute("COMMIT");
+  return inTransaction([&] {
+    Statement upsert(db_,
+                     "INSERT INTO usage(uid, day, used, curfew_used) VALUES(?1, ?2, ?3, ?4)"
+                     " ON CONFLICT(uid, day) DO UPDATE SET used = used + ?3,"
+                     " curfew_used = curfew_used + ?4");
+    bool ok = bool(upsert);
+    for (const UsageDelta& d : deltas) {
+      if (!ok) break;
+      sqlite3_reset(upsert.get());
+      sqlite3_bind_int64(upsert.get(), 1, d.uid);
+      sqlite3_bind_text(upsert.get(), 2, d.day.c_str(), int(d.day.size()), SQLITE_TRANSIENT);
+      sqlite3_bind_double(upsert.get(), 3, d.add.used);
+      sqlite3_bind_double(upsert.get(), 4, d.add.curfewUsed);
+      ok = sqlite3_step(upsert.get()) == SQLITE_DONE;
+    }
+    return ok;
+  });
 }
 
 bool UsageStore::reset(uid_t uid, const std::string& day) {
-  if (!execute("BEGIN IMMEDIATE")) return false;
-  Statement del(db_, "DELETE FROM usage WHERE uid = ?1 AND day = ?2");
-  bool ok = bool(del);
-  if (ok) {
+  return inTransaction([&] {
+    Statement del(db_, "DELETE FROM usage WHERE uid = ?1 AND day = ?2");
+    if (!del) return false;
     sqlite3_bind_int64(del.get(), 1, uid);
     sqlite3_bind_text(del.get(), 2, day.c_str(), int(day.size()), SQLITE_TRANSIENT);
-    ok = sqlite3_step(del.get()) == SQLITE_DONE;
-  }
-  if (!ok) {
+    return sqlite3_step(del.get()) == SQLITE_DONE;
+  });
+}
+
+bool UsageStore::inTransaction(const std::function<bool()>& work) {
+  if (!execute("BEGIN IMMEDIATE")) return false;
+  if (!work()) {
+    GW_LOG(0, "*** usage database: %s", sqlite3_errmsg(db_));
     execute("ROLLBACK");
     return false;
   }
@@ -201,42 +207,33 @@ DayUsage UsageStore::programUsageOn(uid_t uid, const std::string& item,
   Statement q(db_,
               "SELECT used, curfew_used FROM program_usage WHERE uid = ?1 AND item = ?2 AND"
               " day = ?3");
-  DayUsage usage;
-  if (!q) return usage;
+  if (!q) return {};
   sqlite3_bind_int64(q.get(), 1, uid);
   sqlite3_bind_text(q.get(), 2, item.c_str(), int(item.size()), SQLITE_TRANSIENT);
   sqlite3_bind_text(q.get(), 3, day.c_str(), int(day.size()), SQLITE_TRANSIENT);
-  if (sqlite3_step(q.get()) == SQLITE_ROW) {
-    usage.used = sqlite3_column_double(q.get(), 0);
-    usage.curfewUsed = sqlite3_column_double(q.get(), 1);
-  }
-  return usage;
+  return readDayUsage(q.get());
 }
 
 bool UsageStore::addProgramUsage(const std::vector<ProgramUsageDelta>& deltas) {
   if (deltas.empty()) return true;
-  if (!execute("BEGIN IMMEDIATE")) return false;
-  Statement upsert(db_,
-                   "INSERT INTO program_usage(uid, item, day, used, curfew_used)"
-                   " VALUES(?1, ?2, ?3, ?4, ?5) ON CONFLICT(uid, item, day) DO UPDATE SET"
-                   " used = used + ?4, curfew_used = curfew_used + ?5");
-  bool ok = bool(upsert);
-  for (const ProgramUsageDelta& d : deltas) {
-    if (!ok) break;
-    sqlite3_reset(upsert.get());
-    sqlite3_bind_int64(upsert.get(), 1, d.uid);
-    sqlite3_bind_text(upsert.get(), 2, d.item.c_str(), int(d.item.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_text(upsert.get(), 3, d.day.c_str(), int(d.day.size()), SQLITE_TRANSIENT);
-    sqlite3_bind_double(upsert.get(), 4, d.add.used);
-    sqlite3_bind_double(upsert.get(), 5, d.add.curfewUsed);
-    ok = sqlite3_step(upsert.get()) == SQLITE_DONE;
-  }
-  if (!ok) {
-    GW_LOG(0, "*** usage database: %s", sqlite3_errmsg(db_));
-    execute("ROLLBACK");
-    return false;
-  }
-  return execute("COMMIT");
+  return inTransaction([&] {
+    Statement upsert(db_,
+                     "INSERT INTO program_usage(uid, item, day, used, curfew_used)"
+                     " VALUES(?1, ?2, ?3, ?4, ?5) ON CONFLICT(uid, item, day) DO UPDATE SET"
+                     " used = used + ?4, curfew_used = curfew_used + ?5");
+    bool ok = bool(upsert);
+    for (const ProgramUsageDelta& d : deltas) {
+      if (!ok) break;
+      sqlite3_reset(upsert.get());
+      sqlite3_bind_int64(upsert.get(), 1, d.uid);
+      sqlite3_bind_text(upsert.get(), 2, d.item.c_str(), int(d.item.size()), SQLITE_TRANSIENT);
+      sqlite3_bind_text(upsert.get(), 3, d.day.c_str(), int(d.day.size()), SQLITE_TRANSIENT);
+      sqlite3_bind_double(upsert.get(), 4, d.add.used);
+      sqlite3_bind_double(upsert.get(), 5, d.add.curfewUsed);
+      ok = sqlite3_step(upsert.get()) == SQLITE_DONE;
+    }
+    return ok;
+  });
 }
 
 bool UsageStore::recordEvent(uid_t uid, double unixTime, const std::string& kind,

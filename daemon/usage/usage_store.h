@@ -14,6 +14,7 @@
 #include <sqlite3.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -67,6 +68,8 @@ class UsageStore {
  private:
   explicit UsageStore(sqlite3* db) : db_(db) {}
   bool execute(const char* sql);
+  // Runs work in one transaction: committed when it returns true, rolled back (logged) when not.
+  bool inTransaction(const std::function<bool()>& work);
   bool prepareSchema(std::string* error);
   sqlite3* db_;
 };

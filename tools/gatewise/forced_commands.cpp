@@ -153,25 +153,26 @@ void registerForcedCommands(CLI::App& app, Context& context) {
   auto options = std::make_shared<ForcedOptions>();
   CLI::App* forced = app.add_subcommand("forced", "A user's forced preferences, key by key");
   forced->require_subcommand(1);
-  struct Spec {
+  struct Subcommand {
     const char* name;
     const char* help;
     bool key, value;
   };
-  for (const Spec& spec :
-       {Spec{"get", "One key's value as an XML property list", true, false},
-        Spec{"set", "Set one key", true, true}, Spec{"remove", "Remove one key", true, false},
-        Spec{"show", "The whole domain as an XML property list", false, false}}) {
-    CLI::App* command = forced->add_subcommand(spec.name, spec.help);
+  for (const Subcommand& shape :
+       {Subcommand{"get", "One key's value as an XML property list", true, false},
+        Subcommand{"set", "Set one key", true, true},
+        Subcommand{"remove", "Remove one key", true, false},
+        Subcommand{"show", "The whole domain as an XML property list", false, false}}) {
+    CLI::App* command = forced->add_subcommand(shape.name, shape.help);
     command->add_option("USER", options->user, "Short name of the managed user")->required();
     command->add_option("DOMAIN", options->domain, "Preference domain")->required();
-    if (spec.key) command->add_option("KEY", options->key, "Key in the domain")->required();
-    if (spec.value) {
+    if (shape.key) command->add_option("KEY", options->key, "Key in the domain")->required();
+    if (shape.value) {
       command->add_option("VALUE", options->value, "A scalar, or @FILE for a property list")
           ->required();
       command->add_flag("--string", options->asString, "Take VALUE as a string");
     }
-    std::string name = spec.name;
+    std::string name = shape.name;
     command->callback([&context, options, name] {
       context.run = [options, name] { return run(name, *options); };
     });

@@ -1,7 +1,7 @@
 // XDG desktop entries: the "[Desktop Entry]" group of a ".desktop" file, and the program its
 // "Exec" line starts.
 //
-// Parsing follows the Desktop Entry Specification: "Key=Value" and "Key[locale]=Value" lines,
+// Parsing follows the freedesktop.org desktop-entry format: "Key=Value" and "Key[locale]=Value" lines,
 // "#" comments, blank lines, "[Group]" headers; string values unescaped (\s \n \t \r \\). An entry
 // is refused (nullopt, with a one-line reason) when its main group is missing, holds a line that
 // is not a comment or a well-formed key (letters, digits, "-", an optional "[locale]"), or a value
